@@ -1,0 +1,2 @@
+// The shared helper source, compiled by nvcc for the GPU flavour.
+#include "RayTracingHelper.cu"

@@ -1,0 +1,87 @@
+#include "Commands.h"
+
+#include "DemoScene.h"
+#include "Pictures.h"
+#include "Progress.h"
+#include "ToolError.h"
+#include "TraceRunner.h"
+
+#include <chrono>
+#include <cstdio>
+#include <sys/stat.h>
+
+namespace
+{
+struct DemoPass
+{
+    TraceMode eMode;
+    const char* sPicture;
+};
+
+// One pass per picture: the mode answers exactly what the picture shows.
+const DemoPass c_aPasses[] = {{TraceMode::Nearest, "depth"},
+                              {TraceMode::NearestIndex, "triangles"},
+                              {TraceMode::Count, "hit-count"},
+                              {TraceMode::Both, "thickness"}};
+} // namespace
+
+int RunDemo(const DemoOptions& cOptions)
+{
+    const Resolution cResolution = ParseResolution(cOptions.sResolution, "--resolution");
+    struct stat cStatus = {};
+    if (stat(cOptions.sOutputDirectory.c_str(), &cStatus) != 0 || !S_ISDIR(cStatus.st_mode))
+        throw ToolError("--output-dir: '" + cOptions.sOutputDirectory + "' is not a directory");
+
+    Flavour cFlavour = LoadFlavourFor(cOptions.cCommon);
+    const auto cBuildStart = std::chrono::steady_clock::now();
+    const Mesh cScene = BuildDemoScene(cOptions.nTriangles);
+    const Rays cRays = GenerateCameraRays(DemoCamera(cResolution));
+    std::printf("scene: %llu triangles, %ux%u camera rays, built in %.2f s\n",
+                static_cast<unsigned long long>(cScene.TriangleCount()), cResolution.nWidth, cResolution.nHeight,
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - cBuildStart).count());
+    std::fflush(stdout);
+
+    TraceRequest cRequest;
+    cRequest.iGpuId = cOptions.cCommon.iGpuId;
+    cRequest.bDiagnostics = cOptions.cCommon.bDiagnostics;
+    cRequest.bProgress = !cOptions.cCommon.bNoProgress && StdoutIsTerminal();
+
+    std::printf("\n%-14s %10s %10s %6s %9s %9s  %-7s %s\n", "mode", "rays", "triangles", "calls", "seconds",
+                "M rays/s", "flavour", "device");
+    for (const DemoPass& cPass : c_aPasses)
+    {
+        cRequest.eMode = cPass.eMode;
+        TraceResults cResults;
+        const TraceStatistics cStatistics = Trace(cFlavour.RayTracing(), cScene, cRays, cRequest, cResults);
+        if (!cStatistics.sLog.empty())
+            std::fprintf(stderr, "%s", cStatistics.sLog.c_str());
+        std::printf("%-14s %10llu %10llu %6llu %9.3f %9.3f  %-7s %s\n", ModeName(cPass.eMode),
+                    static_cast<unsigned long long>(cRays.Count()),
+                    static_cast<unsigned long long>(cScene.TriangleCount()),
+                    static_cast<unsigned long long>(cStatistics.nCalls), cStatistics.fSeconds,
+                    cRays.Count() / cStatistics.fSeconds * 1e-6, cFlavour.Name().c_str(), cFlavour.Device().c_str());
+        std::fflush(stdout);
+
+        Picture cPicture;
+        switch (cPass.eMode)
+        {
+        case TraceMode::Nearest:
+            cPicture = ShadeDepth(cRays, cResolution, cResults.aNearestDistance, cRequest.fMaxDistance);
+            break;
+        case TraceMode::NearestIndex:
+            cPicture = ColourIndices(cResolution, cResults.aNearestIndex);
+            break;
+        case TraceMode::Count:
+            cPicture = HeatMap(cResolution, cResults.aCounts);
+            break;
+        default:
+            cPicture = Thickness(cResolution, cResults.aNearestDistance, cResults.aFarthestDistance,
+                                 cRequest.fMaxDistance);
+            break;
+        }
+        WritePng(cOptions.sOutputDirectory + "/raycast-demo-" + cPass.sPicture + ".png", cPicture);
+    }
+    std::printf("\npictures: %s/raycast-demo-{depth,triangles,hit-count,thickness}.png\n",
+                cOptions.sOutputDirectory.c_str());
+    return 0;
+}

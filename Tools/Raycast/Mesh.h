@@ -1,0 +1,30 @@
+// A triangle soup as the library takes it: nine floats per triangle, no index array.
+#pragma once
+
+#include "Vec3.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct Mesh
+{
+    std::vector<float> aTriangles;
+
+    std::uint64_t TriangleCount() const { return aTriangles.size() / 9; }
+    void AddTriangle(Vec3 a, Vec3 b, Vec3 c) { aTriangles.insert(aTriangles.end(), {a.x, a.y, a.z, b.x, b.y, b.z, c.x, c.y, c.z}); }
+};
+
+struct Bounds
+{
+    Vec3 cMin, cMax;
+    Vec3 Center() const { return (cMin + cMax) * 0.5f; }
+    float Diagonal() const { return Length(cMax - cMin); }
+};
+
+// Bounds of all vertices; a unit box around the origin for an empty mesh.
+Bounds ComputeBounds(const Mesh& cMesh);
+
+// Loads every mesh of a file Assimp reads (OBJ, PLY, STL, OFF, glTF, ...), triangulated, node transforms applied,
+// merged into one soup. Throws ToolError for a missing, unreadable or empty file or non-finite coordinates.
+Mesh LoadMesh(const std::string& sPath);
