@@ -90,11 +90,13 @@ TEST_F(MemoryTest, CopiesStayInsideDeviceAllocations)
     EXPECT_EQ(cudaMemcpy(aOut.data(), d_p, 16, cudaMemcpyDeviceToHost), cudaSuccess);
     EXPECT_EQ(aOut, (std::vector<float>{3, 4, 3, 0}));
 
-    EXPECT_EQ(cudaMemcpy(d_p + 1, aIn.data(), 16, cudaMemcpyHostToDevice), cudaErrorInvalidValue) << "overrun";
+    EXPECT_EQ(cudaMemcpy(d_p + 1, aIn.data(), 16, cudaMemcpyHostToDevice), cudaErrorInvalidValue)
+        << "overrun";
     EXPECT_EQ(cudaMemcpy(aIn.data(), aOut.data(), 16, cudaMemcpyHostToDevice), cudaErrorInvalidValue)
         << "host pointer as device destination";
     EXPECT_EQ(cudaMemcpy(aOut.data(), nullptr, 16, cudaMemcpyDeviceToHost), cudaErrorInvalidValue);
-    EXPECT_EQ(cudaMemcpy(d_p, aIn.data(), 16, static_cast<cudaMemcpyKind>(7)), cudaErrorInvalidMemcpyDirection);
+    EXPECT_EQ(cudaMemcpy(d_p, aIn.data(), 16, static_cast<cudaMemcpyKind>(7)),
+              cudaErrorInvalidMemcpyDirection);
     EXPECT_EQ(cudaMemset(aOut.data(), 0, 4), cudaErrorInvalidValue);
     EXPECT_EQ(cudaMemcpy(nullptr, nullptr, 0, cudaMemcpyHostToDevice), cudaSuccess);
     EXPECT_EQ(cudaFree(d_p), cudaSuccess);

@@ -2,11 +2,18 @@
 // case runs against all four modules; fields a module does not have are not checked.
 #include <cmath>
 #include <limits>
+#include <ostream>
 
 #include <gtest/gtest.h>
 
 #include "FirstLastTracer.h"
 #include "OptixPrograms.h"
+
+// Names the module in test output instead of dumping the parameter's bytes.
+void PrintTo(const FirstLastMode& mode, std::ostream* pStream)
+{
+    *pStream << mode.module.sName;
+}
 
 namespace
 {

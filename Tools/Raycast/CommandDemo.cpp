@@ -2,7 +2,6 @@
 
 #include "DemoScene.h"
 #include "Pictures.h"
-#include "Progress.h"
 #include "ToolError.h"
 #include "TraceRunner.h"
 
@@ -37,29 +36,33 @@ int RunDemo(const DemoOptions& cOptions)
     const Mesh cScene = BuildDemoScene(cOptions.nTriangles);
     const Rays cRays = GenerateCameraRays(DemoCamera(cResolution));
     std::printf("scene: %llu triangles, %ux%u camera rays, built in %.2f s\n",
-                static_cast<unsigned long long>(cScene.TriangleCount()), cResolution.nWidth, cResolution.nHeight,
+                static_cast<unsigned long long>(cScene.TriangleCount()), cResolution.nWidth,
+                cResolution.nHeight,
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - cBuildStart).count());
     std::fflush(stdout);
 
     TraceRequest cRequest;
     cRequest.iGpuId = cOptions.cCommon.iGpuId;
     cRequest.bDiagnostics = cOptions.cCommon.bDiagnostics;
-    cRequest.bProgress = !cOptions.cCommon.bNoProgress && StdoutIsTerminal();
+    // One call per mode, so that the table shows the library's own rate; each row appears as its mode ends.
 
     std::printf("\n%-14s %10s %10s %6s %9s %9s  %-7s %s\n", "mode", "rays", "triangles", "calls", "seconds",
                 "M rays/s", "flavour", "device");
     for (const DemoPass& cPass : c_aPasses)
     {
         cRequest.eMode = cPass.eMode;
+        std::printf("%-14s ", ModeName(cPass.eMode));
+        std::fflush(stdout);
         TraceResults cResults;
         const TraceStatistics cStatistics = Trace(cFlavour.RayTracing(), cScene, cRays, cRequest, cResults);
         if (!cStatistics.sLog.empty())
             std::fprintf(stderr, "%s", cStatistics.sLog.c_str());
-        std::printf("%-14s %10llu %10llu %6llu %9.3f %9.3f  %-7s %s\n", ModeName(cPass.eMode),
+        std::printf("%10llu %10llu %6llu %9.3f %9.3f  %-7s %s\n",
                     static_cast<unsigned long long>(cRays.Count()),
                     static_cast<unsigned long long>(cScene.TriangleCount()),
                     static_cast<unsigned long long>(cStatistics.nCalls), cStatistics.fSeconds,
-                    cRays.Count() / cStatistics.fSeconds * 1e-6, cFlavour.Name().c_str(), cFlavour.Device().c_str());
+                    cRays.Count() / cStatistics.fSeconds * 1e-6, cFlavour.Name().c_str(),
+                    cFlavour.Device().c_str());
         std::fflush(stdout);
 
         Picture cPicture;

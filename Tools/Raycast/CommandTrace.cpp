@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <optional>
+#include <sys/stat.h>
 
 namespace
 {
@@ -21,7 +22,10 @@ Vec3 ToVec3(const std::vector<float>& aValues, const char* sOption)
     return cVector;
 }
 
-std::uint64_t RowsOf(const std::vector<float>& aValues, std::uint64_t nColumns) { return aValues.size() / nColumns; }
+std::uint64_t RowsOf(const std::vector<float>& aValues, std::uint64_t nColumns)
+{
+    return aValues.size() / nColumns;
+}
 
 Rays RaysFromFiles(const TraceOptions& cOptions)
 {
@@ -34,8 +38,8 @@ Rays RaysFromFiles(const TraceOptions& cOptions)
     {
         cRays.aOrigins = Npy::ReadFloatRows(cOptions.sOrigins, 3);
         if (RowsOf(cRays.aOrigins, 3) != nRays)
-            throw ToolError(cOptions.sOrigins + ": " + std::to_string(RowsOf(cRays.aOrigins, 3)) + " origins for " +
-                            std::to_string(nRays) + " directions");
+            throw ToolError(cOptions.sOrigins + ": " + std::to_string(RowsOf(cRays.aOrigins, 3)) +
+                            " origins for " + std::to_string(nRays) + " directions");
     }
     return cRays;
 }
@@ -44,12 +48,13 @@ Rays RaysFromFiles(const TraceOptions& cOptions)
 Rays GeneratedRays(const TraceOptions& cOptions, const Mesh& cMesh, std::optional<Resolution>& cPicture)
 {
     const std::string sGenerator = cOptions.sGenerator.empty() ? "camera" : cOptions.sGenerator;
-    const auto Reject = [&](bool bGiven, const char* sOption, const char* sFor) {
+    const auto Reject = [&](bool bGiven, const char* sOption, const char* sFor)
+    {
         if (bGiven)
             throw ToolError(std::string(sOption) + " applies to --rays " + sFor + " only");
     };
-    Reject(sGenerator != "camera" && (!cOptions.aPosition.empty() || !cOptions.aLookAt.empty() ||
-                                      !cOptions.aUp.empty()),
+    Reject(sGenerator != "camera" &&
+               (!cOptions.aPosition.empty() || !cOptions.aLookAt.empty() || !cOptions.aUp.empty()),
            "--position, --look-at and --up", "camera");
     Reject(sGenerator != "sphere" && !cOptions.aCenter.empty(), "--center", "sphere");
     Reject(sGenerator != "grid" && !cOptions.aDirection.empty(), "--direction", "grid");
@@ -59,12 +64,15 @@ Rays GeneratedRays(const TraceOptions& cOptions, const Mesh& cMesh, std::optiona
     {
         if (cOptions.nCount == 0)
             throw ToolError("--count must be at least 1");
-        return GenerateSphereRays(cOptions.aCenter.empty() ? cBounds.Center() : ToVec3(cOptions.aCenter, "--center"),
+        return GenerateSphereRays(cOptions.aCenter.empty() ? cBounds.Center()
+                                                           : ToVec3(cOptions.aCenter, "--center"),
                                   cOptions.nCount);
     }
     const Resolution cResolution = ParseResolution(cOptions.sResolution, "--resolution");
     if (sGenerator == "grid")
-        return GenerateGridRays(cBounds, cOptions.aDirection.empty() ? Vec3{0, 0, -1} : ToVec3(cOptions.aDirection, "--direction"),
+        return GenerateGridRays(cBounds,
+                                cOptions.aDirection.empty() ? Vec3{0, 0, -1}
+                                                            : ToVec3(cOptions.aDirection, "--direction"),
                                 cResolution);
     PinholeCamera cCamera = FrameBounds(cBounds, cResolution, cOptions.fFov);
     if (!cOptions.aLookAt.empty())
@@ -77,11 +85,12 @@ Rays GeneratedRays(const TraceOptions& cOptions, const Mesh& cMesh, std::optiona
     return GenerateCameraRays(cCamera);
 }
 
-void WriteResults(const TraceOptions& cOptions, TraceMode eMode, const TraceResults& cResults, const Rays& cRays,
-                  const std::optional<Resolution>& cPicture, float fMaxDistance)
+void WriteResults(const TraceOptions& cOptions, TraceMode eMode, const TraceResults& cResults,
+                  const Rays& cRays, const std::optional<Resolution>& cPicture, float fMaxDistance)
 {
     std::vector<std::string> aWritten;
-    const auto Save = [&](const std::string& sSuffix, const auto& aValues) {
+    const auto Save = [&](const std::string& sSuffix, const auto& aValues)
+    {
         if (aValues.empty() && eMode != TraceMode::All)
             return;
         Npy::Write(cOptions.sOutput + sSuffix, aValues);
@@ -102,19 +111,22 @@ void WriteResults(const TraceOptions& cOptions, TraceMode eMode, const TraceResu
     }
     if (cPicture)
     {
-        const auto Draw = [&](const std::string& sSuffix, const Picture& cImage) {
+        const auto Draw = [&](const std::string& sSuffix, const Picture& cImage)
+        {
             WritePng(cOptions.sOutput + sSuffix, cImage);
             aWritten.push_back(cOptions.sOutput + sSuffix);
         };
         if (IsCounting(eMode))
-            Draw("-hit-count.png", HeatMap(*cPicture, eMode == TraceMode::All ? CountsFromOffsets(cResults.aCounts)
-                                                                               : cResults.aCounts));
+            Draw("-hit-count.png",
+                 HeatMap(*cPicture,
+                         eMode == TraceMode::All ? CountsFromOffsets(cResults.aCounts) : cResults.aCounts));
         else
             Draw("-depth.png", ShadeDepth(cRays, *cPicture, cResults.aNearestDistance, fMaxDistance));
         if (HasIndices(eMode))
             Draw("-triangles.png", ColourIndices(*cPicture, cResults.aNearestIndex));
         if (HasFarthest(eMode))
-            Draw("-thickness.png", Thickness(*cPicture, cResults.aNearestDistance, cResults.aFarthestDistance, fMaxDistance));
+            Draw("-thickness.png",
+                 Thickness(*cPicture, cResults.aNearestDistance, cResults.aFarthestDistance, fMaxDistance));
     }
     for (const std::string& sPath : aWritten)
         std::printf("wrote %s\n", sPath.c_str());
@@ -138,6 +150,8 @@ Flavour LoadFlavourFor(const CommonOptions& cOptions)
 
 int RunTrace(const TraceOptions& cOptions)
 {
+    if (cOptions.sMesh.empty())
+        throw ToolError("--mesh is required");
     const TraceMode eMode = ParseMode(cOptions.sMode);
     if (std::isnan(cOptions.fMaxDistance) || !(cOptions.fMaxDistance > 0.0f))
         throw ToolError("--max-distance must be greater than 0");
@@ -146,17 +160,26 @@ int RunTrace(const TraceOptions& cOptions)
     if (!cOptions.sOrigins.empty() && cOptions.sDirections.empty())
         throw ToolError("--origins needs --directions");
 
+    // Fail before a long run rather than after it.
+    const std::size_t iSlash = cOptions.sOutput.rfind('/');
+    const std::string sOutputDirectory =
+        iSlash == std::string::npos ? "." : cOptions.sOutput.substr(0, iSlash + 1);
+    struct stat cStatus = {};
+    if (stat(sOutputDirectory.c_str(), &cStatus) != 0 || !S_ISDIR(cStatus.st_mode))
+        throw ToolError("--output: directory '" + sOutputDirectory + "' does not exist");
+
     const Mesh cMesh = LoadMesh(cOptions.sMesh);
     std::optional<Resolution> cPicture;
-    Rays cRays = cOptions.sDirections.empty() ? GeneratedRays(cOptions, cMesh, cPicture) : RaysFromFiles(cOptions);
+    Rays cRays =
+        cOptions.sDirections.empty() ? GeneratedRays(cOptions, cMesh, cPicture) : RaysFromFiles(cOptions);
     CheckRaysFinite(cRays);
     if (!cOptions.sDistances.empty())
     {
         // NaN and infinite distances mean something to the library, so they pass unchecked.
         cRays.aDistances = Npy::ReadFloatRows(cOptions.sDistances, 1);
         if (cRays.aDistances.size() != cRays.Count())
-            throw ToolError(cOptions.sDistances + ": " + std::to_string(cRays.aDistances.size()) + " distances for " +
-                            std::to_string(cRays.Count()) + " rays");
+            throw ToolError(cOptions.sDistances + ": " + std::to_string(cRays.aDistances.size()) +
+                            " distances for " + std::to_string(cRays.Count()) + " rays");
     }
 
     Flavour cFlavour = LoadFlavourFor(cOptions.cCommon);
@@ -172,8 +195,9 @@ int RunTrace(const TraceOptions& cOptions)
     if (!cStatistics.sLog.empty())
         std::fprintf(stderr, "%s", cStatistics.sLog.c_str());
     std::printf("traced %llu rays against %llu triangles, mode %s: %.3f s, %.3f M rays/s, %llu call%s\n",
-                static_cast<unsigned long long>(cRays.Count()), static_cast<unsigned long long>(cMesh.TriangleCount()),
-                ModeName(eMode), cStatistics.fSeconds, cRays.Count() / cStatistics.fSeconds * 1e-6,
+                static_cast<unsigned long long>(cRays.Count()),
+                static_cast<unsigned long long>(cMesh.TriangleCount()), ModeName(eMode), cStatistics.fSeconds,
+                cRays.Count() / cStatistics.fSeconds * 1e-6,
                 static_cast<unsigned long long>(cStatistics.nCalls), cStatistics.nCalls == 1 ? "" : "s");
     WriteResults(cOptions, eMode, cResults, cRays, cPicture, cOptions.fMaxDistance);
     return 0;

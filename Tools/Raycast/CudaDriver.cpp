@@ -10,16 +10,19 @@ CudaDriver CudaDriver::Load(std::string& sError)
     if (!cLibrary)
         return cDriver;
     // Versioned names are the ones current drivers export for these calls.
-    const auto Resolve = [&](auto& pFunction, const char* sName) {
+    const auto Resolve = [&](auto& pFunction, const char* sName)
+    {
         pFunction = reinterpret_cast<std::remove_reference_t<decltype(pFunction)>>(cLibrary.Symbol(sName));
         return pFunction != nullptr;
     };
     if (!Resolve(cDriver.m_pInit, "cuInit") || !Resolve(cDriver.m_pDeviceGetCount, "cuDeviceGetCount") ||
-        !Resolve(cDriver.m_pDeviceGet, "cuDeviceGet") || !Resolve(cDriver.m_pDeviceGetName, "cuDeviceGetName") ||
+        !Resolve(cDriver.m_pDeviceGet, "cuDeviceGet") ||
+        !Resolve(cDriver.m_pDeviceGetName, "cuDeviceGetName") ||
         !Resolve(cDriver.m_pPrimaryCtxRetain, "cuDevicePrimaryCtxRetain") ||
         !Resolve(cDriver.m_pPrimaryCtxRelease, "cuDevicePrimaryCtxRelease_v2") ||
-        !Resolve(cDriver.m_pCtxSetCurrent, "cuCtxSetCurrent") || !Resolve(cDriver.m_pMemAlloc, "cuMemAlloc_v2") ||
-        !Resolve(cDriver.m_pMemFree, "cuMemFree_v2") || !Resolve(cDriver.m_pMemcpyHtoD, "cuMemcpyHtoD_v2") ||
+        !Resolve(cDriver.m_pCtxSetCurrent, "cuCtxSetCurrent") ||
+        !Resolve(cDriver.m_pMemAlloc, "cuMemAlloc_v2") || !Resolve(cDriver.m_pMemFree, "cuMemFree_v2") ||
+        !Resolve(cDriver.m_pMemcpyHtoD, "cuMemcpyHtoD_v2") ||
         !Resolve(cDriver.m_pCtxSynchronize, "cuCtxSynchronize"))
     {
         sError = "libcuda.so.1 lacks a driver entry point";

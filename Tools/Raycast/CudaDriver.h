@@ -1,5 +1,5 @@
-// The few CUDA driver calls the tools make themselves: finding a device before choosing a flavour, and timing a
-// plain host-to-device copy in the benchmark. Loaded at run time so that the tools run where no driver is.
+// The few CUDA driver calls the tools make themselves: finding a device before choosing a flavour, and timing
+// a plain host-to-device copy in the benchmark. Loaded at run time so that the tools run where no driver is.
 #pragma once
 
 #include "SharedLibrary.h"
@@ -16,7 +16,8 @@ public:
     explicit operator bool() const { return static_cast<bool>(m_cLibrary); }
     int DeviceCount() const;
     std::string DeviceName(int iDevice) const;
-    // Seconds of one synchronous pageable host-to-device copy of nBytes to device iDevice; negative on failure.
+    // Seconds of one synchronous pageable host-to-device copy of nBytes to device iDevice; negative on
+    // failure.
     double TimeHostToDeviceCopy(int iDevice, const void* pData, std::uint64_t nBytes) const;
 
 private:

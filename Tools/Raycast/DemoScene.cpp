@@ -39,7 +39,8 @@ template <typename Surface> void AddWrappedGrid(Mesh& cMesh, int nU, int nV, Sur
 void AddTerrain(Mesh& cMesh, int nCells)
 {
     const float fStep = 2.0f * c_fTerrainHalfSize / nCells;
-    const auto Point = [&](int iX, int iZ) {
+    const auto Point = [&](int iX, int iZ)
+    {
         const float x = -c_fTerrainHalfSize + iX * fStep, z = -c_fTerrainHalfSize + iZ * fStep;
         return Vec3{x, TerrainHeight(x, z), z};
     };
@@ -54,10 +55,12 @@ void AddTerrain(Mesh& cMesh, int nCells)
 // Sphere as a latitude-longitude grid; the poles' degenerate triangles are harmless to a ray caster.
 void AddSphere(Mesh& cMesh, Vec3 cCenter, float fRadius, int nLongitudes, int nLatitudes)
 {
-    const auto Point = [&](int iLongitude, int iLatitude) {
+    const auto Point = [&](int iLongitude, int iLatitude)
+    {
         const float fTheta = c_fPi * iLatitude / nLatitudes, fPhi = 2.0f * c_fPi * iLongitude / nLongitudes;
-        return cCenter + Vec3{std::sin(fTheta) * std::cos(fPhi), std::cos(fTheta), std::sin(fTheta) * std::sin(fPhi)} *
-                             fRadius;
+        return cCenter +
+               Vec3{std::sin(fTheta) * std::cos(fPhi), std::cos(fTheta), std::sin(fTheta) * std::sin(fPhi)} *
+                   fRadius;
     };
     for (int iLongitude = 0; iLongitude < nLongitudes; ++iLongitude)
         for (int iLatitude = 0; iLatitude < nLatitudes; ++iLatitude)
@@ -75,32 +78,41 @@ void AddTorus(Mesh& cMesh, Vec3 cCenter, Vec3 cAxis, float fMajor, float fMinor,
     const Vec3 cNormal = Normalize(cAxis);
     const Vec3 cU = Normalize(Cross(cNormal, std::fabs(cNormal.y) < 0.9f ? Vec3{0, 1, 0} : Vec3{1, 0, 0}));
     const Vec3 cV = Cross(cNormal, cU);
-    AddWrappedGrid(cMesh, nAround, nTube, [&](int iAround, int iTube) {
-        const float fA = 2.0f * c_fPi * iAround / nAround, fB = 2.0f * c_fPi * iTube / nTube;
-        const Vec3 cRadial = cU * std::cos(fA) + cV * std::sin(fA);
-        return cCenter + cRadial * (fMajor + fMinor * std::cos(fB)) + cNormal * (fMinor * std::sin(fB));
-    });
+    AddWrappedGrid(cMesh, nAround, nTube,
+                   [&](int iAround, int iTube)
+                   {
+                       const float fA = 2.0f * c_fPi * iAround / nAround, fB = 2.0f * c_fPi * iTube / nTube;
+                       const Vec3 cRadial = cU * std::cos(fA) + cV * std::sin(fA);
+                       return cCenter + cRadial * (fMajor + fMinor * std::cos(fB)) +
+                              cNormal * (fMinor * std::sin(fB));
+                   });
 }
 
 // (p, q) torus knot as a tube, with a frame from the curve's tangent and its direction to the knot's axis.
 void AddTorusKnot(Mesh& cMesh, Vec3 cCenter, float fScale, float fTube, int p, int q, int nAlong, int nAround)
 {
-    const auto Curve = [&](float t) {
+    const auto Curve = [&](float t)
+    {
         const float r = 2.0f + std::cos(q * t);
         return Vec3{r * std::cos(p * t), -std::sin(q * t), r * std::sin(p * t)} * fScale;
     };
-    AddWrappedGrid(cMesh, nAlong, nAround, [&](int iAlong, int iAround) {
-        const float t = 2.0f * c_fPi * iAlong / nAlong;
-        const Vec3 cPoint = Curve(t);
-        const Vec3 cTangent = Normalize(Curve(t + 1e-3f) - Curve(t - 1e-3f));
-        const Vec3 cSide = Normalize(Cross(cTangent, cPoint));
-        const Vec3 cOut = Cross(cSide, cTangent);
-        const float fAngle = 2.0f * c_fPi * iAround / nAround;
-        return cCenter + cPoint + (cSide * std::cos(fAngle) + cOut * std::sin(fAngle)) * fTube;
-    });
+    AddWrappedGrid(cMesh, nAlong, nAround,
+                   [&](int iAlong, int iAround)
+                   {
+                       const float t = 2.0f * c_fPi * iAlong / nAlong;
+                       const Vec3 cPoint = Curve(t);
+                       const Vec3 cTangent = Normalize(Curve(t + 1e-3f) - Curve(t - 1e-3f));
+                       const Vec3 cSide = Normalize(Cross(cTangent, cPoint));
+                       const Vec3 cOut = Cross(cSide, cTangent);
+                       const float fAngle = 2.0f * c_fPi * iAround / nAround;
+                       return cCenter + cPoint + (cSide * std::cos(fAngle) + cOut * std::sin(fAngle)) * fTube;
+                   });
 }
 
-int Scaled(int nBase, float fDetail, int nMinimum) { return std::max(nMinimum, static_cast<int>(nBase * fDetail + 0.5f)); }
+int Scaled(int nBase, float fDetail, int nMinimum)
+{
+    return std::max(nMinimum, static_cast<int>(nBase * fDetail + 0.5f));
+}
 } // namespace
 
 Mesh BuildDemoScene(std::uint64_t nTargetTriangles)
@@ -110,12 +122,14 @@ Mesh BuildDemoScene(std::uint64_t nTargetTriangles)
     Mesh cMesh;
     cMesh.aTriangles.reserve(nTargetTriangles * 9 + 9 * 4096);
     AddTerrain(cMesh, Scaled(560, fDetail, 4));
-    AddTorusKnot(cMesh, {0.0f, 10.0f, 0.0f}, 2.4f, 1.1f, 2, 3, Scaled(1600, fDetail, 24), Scaled(40, fDetail, 4));
+    AddTorusKnot(cMesh, {0.0f, 10.0f, 0.0f}, 2.4f, 1.1f, 2, 3, Scaled(1600, fDetail, 24),
+                 Scaled(40, fDetail, 4));
     for (int i = 0; i < 10; ++i)
     {
         const float fAngle = 2.0f * c_fPi * i / 10.0f;
         const float x = 17.0f * std::cos(fAngle), z = 17.0f * std::sin(fAngle);
-        AddSphere(cMesh, {x, TerrainHeight(x, z) + 2.4f, z}, 2.2f, Scaled(96, fDetail, 6), Scaled(48, fDetail, 3));
+        AddSphere(cMesh, {x, TerrainHeight(x, z) + 2.4f, z}, 2.2f, Scaled(96, fDetail, 6),
+                  Scaled(48, fDetail, 3));
     }
     for (int i = 0; i < 8; ++i)
     {

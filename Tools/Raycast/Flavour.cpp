@@ -18,11 +18,13 @@ namespace
 {
 // The flavours export C++ names; these must follow the declarations in the public headers.
 static_assert(std::is_same_v<decltype(&::RayTracing), RayTracingFunction>, "RayTracing's signature changed");
-static_assert(std::is_same_v<decltype(&::GetOptixVersion), GetOptixVersionFunction>, "GetOptixVersion changed");
+static_assert(std::is_same_v<decltype(&::GetOptixVersion), GetOptixVersionFunction>,
+              "GetOptixVersion changed");
 static_assert(std::is_same_v<decltype(&RayTracingCpu::GetConfig), RayTracingCpu::DeviceConfig (*)()>);
-static_assert(std::is_same_v<decltype(&RayTracingCpu::SetConfig), void (*)(const RayTracingCpu::DeviceConfig&)>);
-const char* const c_sRayTracingSymbol =
-    "_Z10RayTracingR17RayTracingResultsmPKfmS2_S2_S2_iRNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES9_bfm";
+static_assert(
+    std::is_same_v<decltype(&RayTracingCpu::SetConfig), void (*)(const RayTracingCpu::DeviceConfig&)>);
+const char* const c_sRayTracingSymbol = "_Z10RayTracingR17RayTracingResultsmPKfmS2_S2_S2_iRNSt7__"
+                                        "cxx1112basic_stringIcSt11char_traitsIcESaIcEEES9_bfm";
 const char* const c_sGetOptixVersionSymbol = "_Z15GetOptixVersionv";
 const char* const c_sGetConfigSymbol = "_ZN13RayTracingCpu9GetConfigEv";
 const char* const c_sSetConfigSymbol = "_ZN13RayTracingCpu9SetConfigERKNS_12DeviceConfigE";
@@ -87,7 +89,8 @@ bool Flavour::Resolve(const std::string& sPath, std::string& sError)
     if (!m_cLibrary)
         return false;
     m_pRayTracing = reinterpret_cast<RayTracingFunction>(m_cLibrary.Symbol(c_sRayTracingSymbol));
-    m_pGetOptixVersion = reinterpret_cast<GetOptixVersionFunction>(m_cLibrary.Symbol(c_sGetOptixVersionSymbol));
+    m_pGetOptixVersion =
+        reinterpret_cast<GetOptixVersionFunction>(m_cLibrary.Symbol(c_sGetOptixVersionSymbol));
     if (m_pRayTracing == nullptr || m_pGetOptixVersion == nullptr)
     {
         sError = sPath + " does not export RayTracing and GetOptixVersion";
@@ -126,7 +129,8 @@ Flavour Flavour::Load(DeviceChoice eChoice, int iGpuId)
         throw ToolError("the CPU flavour cannot be loaded: " + sError);
     cFlavour.m_sName = "CPU";
     int nThreads = 0;
-    if (auto pGetConfig = reinterpret_cast<RayTracingCpu::DeviceConfig (*)()>(cFlavour.m_cLibrary.Symbol(c_sGetConfigSymbol)))
+    if (auto pGetConfig = reinterpret_cast<RayTracingCpu::DeviceConfig (*)()>(
+            cFlavour.m_cLibrary.Symbol(c_sGetConfigSymbol)))
         nThreads = pGetConfig().nThreads;
     if (nThreads <= 0)
         nThreads = static_cast<int>(std::thread::hardware_concurrency());
@@ -138,7 +142,8 @@ bool Flavour::SetCpuThreads(int nThreads)
 {
     if (m_bGpu)
         return false;
-    auto pGetConfig = reinterpret_cast<RayTracingCpu::DeviceConfig (*)()>(m_cLibrary.Symbol(c_sGetConfigSymbol));
+    auto pGetConfig =
+        reinterpret_cast<RayTracingCpu::DeviceConfig (*)()>(m_cLibrary.Symbol(c_sGetConfigSymbol));
     auto pSetConfig =
         reinterpret_cast<void (*)(const RayTracingCpu::DeviceConfig&)>(m_cLibrary.Symbol(c_sSetConfigSymbol));
     if (pGetConfig == nullptr || pSetConfig == nullptr)
@@ -146,6 +151,9 @@ bool Flavour::SetCpuThreads(int nThreads)
     RayTracingCpu::DeviceConfig cConfig = pGetConfig();
     cConfig.nThreads = nThreads;
     pSetConfig(cConfig);
-    m_sDevice = "host, " + std::to_string(nThreads > 0 ? nThreads : static_cast<int>(std::thread::hardware_concurrency())) + " threads";
+    m_sDevice =
+        "host, " +
+        std::to_string(nThreads > 0 ? nThreads : static_cast<int>(std::thread::hardware_concurrency())) +
+        " threads";
     return true;
 }

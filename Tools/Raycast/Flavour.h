@@ -10,9 +10,10 @@
 #include <string>
 #include <tuple>
 
-using RayTracingFunction = RayTracingErrorType (*)(RayTracingResults&, std::uint64_t, const float*, std::uint64_t,
-                                                   const float*, const float*, const float*, int, std::string&,
-                                                   std::string&, bool, float, std::uint64_t);
+using RayTracingFunction = RayTracingErrorType (*)(RayTracingResults&, std::uint64_t, const float*,
+                                                   std::uint64_t, const float*, const float*, const float*,
+                                                   int, std::string&, std::string&, bool, float,
+                                                   std::uint64_t);
 using GetOptixVersionFunction = std::tuple<int, int, int> (*)();
 
 enum class DeviceChoice
@@ -25,18 +26,19 @@ enum class DeviceChoice
 class Flavour
 {
 public:
-    // Throws ToolError when the chosen flavour cannot be loaded; Auto falls back to the CPU flavour and records
-    // why in Note().
+    // Throws ToolError when the chosen flavour cannot be loaded; Auto falls back to the CPU flavour and
+    // records why in Note().
     static Flavour Load(DeviceChoice eChoice, int iGpuId);
 
     RayTracingFunction RayTracing() const { return m_pRayTracing; }
     std::tuple<int, int, int> OptixVersion() const { return m_pGetOptixVersion(); }
     bool IsGpu() const { return m_bGpu; }
-    const std::string& Name() const { return m_sName; }            // "GPU" or "CPU"
+    const std::string& Name() const { return m_sName; } // "GPU" or "CPU"
     const std::string& LibraryPath() const { return m_sLibraryPath; }
-    const std::string& Device() const { return m_sDevice; }         // GPU name, or the CPU flavour's threads
-    const std::string& Note() const { return m_sNote; }             // why auto did not take the GPU, or empty
-    // CPU flavour only: run the stand-in device on nThreads worker threads (0 = all cores). False if unsupported.
+    const std::string& Device() const { return m_sDevice; } // GPU name, or the CPU flavour's threads
+    const std::string& Note() const { return m_sNote; }     // why auto did not take the GPU, or empty
+    // CPU flavour only: run the stand-in device on nThreads worker threads (0 = all cores). False if
+    // unsupported.
     bool SetCpuThreads(int nThreads);
 
 private:

@@ -19,9 +19,11 @@ Bounds ComputeBounds(const Mesh& cMesh)
                    {cMesh.aTriangles[0], cMesh.aTriangles[1], cMesh.aTriangles[2]}};
     for (std::size_t i = 0; i < cMesh.aTriangles.size(); i += 3)
     {
-        cBounds.cMin = {std::min(cBounds.cMin.x, cMesh.aTriangles[i]), std::min(cBounds.cMin.y, cMesh.aTriangles[i + 1]),
+        cBounds.cMin = {std::min(cBounds.cMin.x, cMesh.aTriangles[i]),
+                        std::min(cBounds.cMin.y, cMesh.aTriangles[i + 1]),
                         std::min(cBounds.cMin.z, cMesh.aTriangles[i + 2])};
-        cBounds.cMax = {std::max(cBounds.cMax.x, cMesh.aTriangles[i]), std::max(cBounds.cMax.y, cMesh.aTriangles[i + 1]),
+        cBounds.cMax = {std::max(cBounds.cMax.x, cMesh.aTriangles[i]),
+                        std::max(cBounds.cMax.y, cMesh.aTriangles[i + 1]),
                         std::max(cBounds.cMax.z, cMesh.aTriangles[i + 2])};
     }
     return cBounds;

@@ -12,7 +12,10 @@ struct Mesh
     std::vector<float> aTriangles;
 
     std::uint64_t TriangleCount() const { return aTriangles.size() / 9; }
-    void AddTriangle(Vec3 a, Vec3 b, Vec3 c) { aTriangles.insert(aTriangles.end(), {a.x, a.y, a.z, b.x, b.y, b.z, c.x, c.y, c.z}); }
+    void AddTriangle(Vec3 a, Vec3 b, Vec3 c)
+    {
+        aTriangles.insert(aTriangles.end(), {a.x, a.y, a.z, b.x, b.y, b.z, c.x, c.y, c.z});
+    }
 };
 
 struct Bounds
@@ -25,6 +28,7 @@ struct Bounds
 // Bounds of all vertices; a unit box around the origin for an empty mesh.
 Bounds ComputeBounds(const Mesh& cMesh);
 
-// Loads every mesh of a file Assimp reads (OBJ, PLY, STL, OFF, glTF, ...), triangulated, node transforms applied,
-// merged into one soup. Throws ToolError for a missing, unreadable or empty file or non-finite coordinates.
+// Loads every mesh of a file Assimp reads (OBJ, PLY, STL, OFF, glTF, ...), triangulated, node transforms
+// applied, merged into one soup. Throws ToolError for a missing, unreadable or empty file or non-finite
+// coordinates.
 Mesh LoadMesh(const std::string& sPath);

@@ -18,7 +18,9 @@ constexpr std::size_t c_nMagic = 6;
 // The header is a Python dict literal; these helpers read just the three keys NumPy always writes.
 std::string ValueOf(const std::string& sHeader, const std::string& sKey, const std::string& sPath)
 {
-    const std::size_t iKey = sHeader.find("'" + sKey + "'");
+    std::size_t iKey = sHeader.find("'" + sKey + "'");
+    if (iKey == std::string::npos)
+        iKey = sHeader.find("\"" + sKey + "\"");
     if (iKey == std::string::npos)
         throw ToolError(sPath + ": .npy header has no '" + sKey + "'");
     std::size_t iValue = sHeader.find(':', iKey);
@@ -120,7 +122,8 @@ Array Read(const std::string& sPath)
     {
         if (cFile.gcount() < 10)
             throw ToolError(sPath + ": truncated .npy header");
-        nHeaderBytes = static_cast<unsigned char>(aPreamble[8]) | (static_cast<unsigned char>(aPreamble[9]) << 8);
+        nHeaderBytes =
+            static_cast<unsigned char>(aPreamble[8]) | (static_cast<unsigned char>(aPreamble[9]) << 8);
     }
     else if (nMajor == 2 || nMajor == 3)
     {
@@ -128,10 +131,9 @@ Array Read(const std::string& sPath)
         cFile.read(aLength, 2);
         if (cFile.gcount() != 2)
             throw ToolError(sPath + ": truncated .npy header");
-        const unsigned char aBytes[4] = {static_cast<unsigned char>(aPreamble[8]),
-                                         static_cast<unsigned char>(aPreamble[9]),
-                                         static_cast<unsigned char>(aLength[0]),
-                                         static_cast<unsigned char>(aLength[1])};
+        const unsigned char aBytes[4] = {
+            static_cast<unsigned char>(aPreamble[8]), static_cast<unsigned char>(aPreamble[9]),
+            static_cast<unsigned char>(aLength[0]), static_cast<unsigned char>(aLength[1])};
         nHeaderBytes = aBytes[0] | (aBytes[1] << 8) | (aBytes[2] << 16) | (std::uint64_t(aBytes[3]) << 24);
     }
     else
@@ -153,7 +155,8 @@ Array Read(const std::string& sPath)
     std::uint64_t nElements = 1;
     for (std::uint64_t nDimension : cArray.aShape)
     {
-        if (nDimension != 0 && nElements > std::numeric_limits<std::uint64_t>::max() / nDimension / nElementSize)
+        if (nDimension != 0 &&
+            nElements > std::numeric_limits<std::uint64_t>::max() / nDimension / nElementSize)
             throw ToolError(sPath + ": shape " + DescribeShape(cArray.aShape) + " is too large");
         nElements *= nDimension;
     }
@@ -163,8 +166,8 @@ Array Read(const std::string& sPath)
     cFile.seekg(0, std::ios::end);
     const std::uint64_t nAvailable = static_cast<std::uint64_t>(cFile.tellg() - iDataStart);
     if (nAvailable < nDataBytes)
-        throw ToolError(sPath + ": file is truncated (" + std::to_string(nAvailable) + " data bytes for shape " +
-                        DescribeShape(cArray.aShape) + ")");
+        throw ToolError(sPath + ": file is truncated (" + std::to_string(nAvailable) +
+                        " data bytes for shape " + DescribeShape(cArray.aShape) + ")");
     cFile.seekg(iDataStart);
     cArray.aData.resize(nDataBytes);
     cFile.read(cArray.aData.data(), static_cast<std::streamsize>(nDataBytes));
@@ -182,12 +185,14 @@ std::vector<float> ReadFloatRows(const std::string& sPath, std::uint64_t nColumn
 {
     Array cArray = Read(sPath);
     if (cArray.sDescr != "<f4")
-        throw ToolError(sPath + ": dtype '" + cArray.sDescr + "' is not float32 ('<f4'); convert with astype(numpy.float32)");
+        throw ToolError(sPath + ": dtype '" + cArray.sDescr +
+                        "' is not float32 ('<f4'); convert with astype(numpy.float32)");
     const bool bRows = cArray.aShape.size() == 2 && cArray.aShape[1] == nColumns;
     const bool bVector = nColumns == 1 && cArray.aShape.size() == 1;
     if (!bRows && !bVector)
     {
-        const std::string sExpected = nColumns == 1 ? "(n,) or (n, 1)" : "(n, " + std::to_string(nColumns) + ")";
+        const std::string sExpected =
+            nColumns == 1 ? "(n,) or (n, 1)" : "(n, " + std::to_string(nColumns) + ")";
         throw ToolError(sPath + ": shape " + DescribeShape(cArray.aShape) + " is not " + sExpected);
     }
     std::vector<float> aValues(cArray.aData.size() / sizeof(float));
@@ -212,7 +217,8 @@ void Write(const std::string& sPath, const std::string& sDescr, const std::vecto
     if (!cFile)
         throw ToolError("cannot create '" + sPath + "'");
     cFile.write(c_aMagic, c_nMagic);
-    const char aVersion[4] = {1, 0, static_cast<char>(sHeader.size() & 0xFF), static_cast<char>(sHeader.size() >> 8)};
+    const char aVersion[4] = {1, 0, static_cast<char>(sHeader.size() & 0xFF),
+                              static_cast<char>(sHeader.size() >> 8)};
     cFile.write(aVersion, 4);
     cFile.write(sHeader.data(), static_cast<std::streamsize>(sHeader.size()));
     cFile.write(static_cast<const char*>(pData), static_cast<std::streamsize>(nBytes));

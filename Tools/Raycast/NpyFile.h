@@ -1,4 +1,5 @@
-// Reading and writing NumPy .npy files: little-endian float32, int32 and uint64 arrays of one or two dimensions.
+// Reading and writing NumPy .npy files: little-endian float32, int32 and uint64 arrays of one or two
+// dimensions.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +19,8 @@ struct Array
 // Throws ToolError naming the file on anything malformed (bad magic, header, truncated data).
 Array Read(const std::string& sPath);
 
-// Reads a float32 array of shape (n, nColumns), or of shape (n) when nColumns is 1. Returns the n * nColumns values.
+// Reads a float32 array of shape (n, nColumns), or of shape (n) when nColumns is 1. Returns the n * nColumns
+// values.
 std::vector<float> ReadFloatRows(const std::string& sPath, std::uint64_t nColumns);
 
 void Write(const std::string& sPath, const std::string& sDescr, const std::vector<std::uint64_t>& aShape,

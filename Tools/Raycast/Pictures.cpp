@@ -15,28 +15,43 @@ struct Colour
     float r, g, b;
 };
 
-Colour Mix(Colour a, Colour b, float f) { return {a.r + (b.r - a.r) * f, a.g + (b.g - a.g) * f, a.b + (b.b - a.b) * f}; }
+Colour Mix(Colour a, Colour b, float f)
+{
+    return {a.r + (b.r - a.r) * f, a.g + (b.g - a.g) * f, a.b + (b.b - a.b) * f};
+}
 
 // A perceptually ordered black-purple-orange-yellow ramp for f in [0, 1].
 Colour Ramp(float f)
 {
-    static const Colour c_aStops[] = {{0.00f, 0.00f, 0.02f}, {0.34f, 0.06f, 0.43f}, {0.74f, 0.22f, 0.33f},
-                                      {0.98f, 0.56f, 0.04f}, {0.99f, 1.00f, 0.64f}};
+    static const Colour c_aStops[] = {{0.00f, 0.00f, 0.02f},
+                                      {0.34f, 0.06f, 0.43f},
+                                      {0.74f, 0.22f, 0.33f},
+                                      {0.98f, 0.56f, 0.04f},
+                                      {0.99f, 1.00f, 0.64f}};
     f = std::clamp(f, 0.0f, 1.0f) * 4.0f;
     const int i = std::min(static_cast<int>(f), 3);
     return Mix(c_aStops[i], c_aStops[i + 1], f - i);
 }
 
-Picture Blank(Resolution cResolution) { return {cResolution, std::vector<std::uint8_t>(cResolution.Pixels() * 3, 0)}; }
+Picture Blank(Resolution cResolution)
+{
+    return {cResolution, std::vector<std::uint8_t>(cResolution.Pixels() * 3, 0)};
+}
 
 void Put(Picture& cPicture, std::uint64_t iPixel, Colour cColour)
 {
-    cPicture.aRgb[iPixel * 3 + 0] = static_cast<std::uint8_t>(std::clamp(cColour.r, 0.0f, 1.0f) * 255.0f + 0.5f);
-    cPicture.aRgb[iPixel * 3 + 1] = static_cast<std::uint8_t>(std::clamp(cColour.g, 0.0f, 1.0f) * 255.0f + 0.5f);
-    cPicture.aRgb[iPixel * 3 + 2] = static_cast<std::uint8_t>(std::clamp(cColour.b, 0.0f, 1.0f) * 255.0f + 0.5f);
+    cPicture.aRgb[iPixel * 3 + 0] =
+        static_cast<std::uint8_t>(std::clamp(cColour.r, 0.0f, 1.0f) * 255.0f + 0.5f);
+    cPicture.aRgb[iPixel * 3 + 1] =
+        static_cast<std::uint8_t>(std::clamp(cColour.g, 0.0f, 1.0f) * 255.0f + 0.5f);
+    cPicture.aRgb[iPixel * 3 + 2] =
+        static_cast<std::uint8_t>(std::clamp(cColour.b, 0.0f, 1.0f) * 255.0f + 0.5f);
 }
 
-bool IsHit(float fDistance, float fMaxDistance) { return std::isfinite(fDistance) && fDistance < fMaxDistance; }
+bool IsHit(float fDistance, float fMaxDistance)
+{
+    return std::isfinite(fDistance) && fDistance < fMaxDistance;
+}
 
 // A high percentile rather than the maximum, so that a few extreme pixels do not wash out the picture.
 template <typename T> double Percentile(std::vector<T> aValues, double fFraction)
@@ -51,12 +66,13 @@ template <typename T> double Percentile(std::vector<T> aValues, double fFraction
 void CheckSize(Resolution cResolution, std::size_t nValues)
 {
     if (nValues != cResolution.Pixels())
-        throw ToolError("picture: " + std::to_string(nValues) + " results for " + std::to_string(cResolution.Pixels()) +
-                        " pixels");
+        throw ToolError("picture: " + std::to_string(nValues) + " results for " +
+                        std::to_string(cResolution.Pixels()) + " pixels");
 }
 } // namespace
 
-Picture ShadeDepth(const Rays& cRays, Resolution cResolution, const std::vector<float>& aNearest, float fMaxDistance)
+Picture ShadeDepth(const Rays& cRays, Resolution cResolution, const std::vector<float>& aNearest,
+                   float fMaxDistance)
 {
     CheckSize(cResolution, aNearest.size());
     Picture cPicture = Blank(cResolution);
@@ -67,12 +83,14 @@ Picture ShadeDepth(const Rays& cRays, Resolution cResolution, const std::vector<
             fNear = std::min(fNear, fDistance);
             fFar = std::max(fFar, fDistance);
         }
-    const auto Point = [&](std::uint64_t i) {
+    const auto Point = [&](std::uint64_t i)
+    {
         const Vec3 cOrigin = cRays.aOrigins.empty() ? Vec3{}
                                                     : Vec3{cRays.aOrigins[3 * i], cRays.aOrigins[3 * i + 1],
                                                            cRays.aOrigins[3 * i + 2]};
-        return cOrigin + Vec3{cRays.aDirections[3 * i], cRays.aDirections[3 * i + 1], cRays.aDirections[3 * i + 2]} *
-                             aNearest[i];
+        return cOrigin +
+               Vec3{cRays.aDirections[3 * i], cRays.aDirections[3 * i + 1], cRays.aDirections[3 * i + 2]} *
+                   aNearest[i];
     };
     const Vec3 cLight = Normalize({0.45f, 0.8f, 0.35f});
     const std::int64_t nWidth = cResolution.nWidth, nHeight = cResolution.nHeight;
@@ -86,7 +104,8 @@ Picture ShadeDepth(const Rays& cRays, Resolution cResolution, const std::vector<
                 continue;
             }
             // Tangents towards the neighbour at the more similar distance, so silhouettes do not smear.
-            const auto Tangent = [&](std::int64_t iDeltaRow, std::int64_t iDeltaColumn) {
+            const auto Tangent = [&](std::int64_t iDeltaRow, std::int64_t iDeltaColumn)
+            {
                 Vec3 cBest{};
                 float fBestGap = 0.05f * aNearest[i];
                 for (int iSign : {1, -1})
@@ -104,8 +123,8 @@ Picture ShadeDepth(const Rays& cRays, Resolution cResolution, const std::vector<
                 }
                 return cBest;
             };
-            const Vec3 cDirection =
-                Normalize({cRays.aDirections[3 * i], cRays.aDirections[3 * i + 1], cRays.aDirections[3 * i + 2]});
+            const Vec3 cDirection = Normalize(
+                {cRays.aDirections[3 * i], cRays.aDirections[3 * i + 1], cRays.aDirections[3 * i + 2]});
             Vec3 cNormal = Normalize(Cross(Tangent(0, 1), Tangent(1, 0)));
             if (Length(cNormal) == 0.0f)
                 cNormal = cDirection * -1.0f;
@@ -116,8 +135,9 @@ Picture ShadeDepth(const Rays& cRays, Resolution cResolution, const std::vector<
             const float fDepth = fFar > fNear ? (aNearest[i] - fNear) / (fFar - fNear) : 0.0f;
             const Colour cBase = Mix({0.95f, 0.78f, 0.55f}, {0.45f, 0.58f, 0.80f}, fDepth);
             const float fLight = 0.15f + 0.6f * fDiffuse + 0.25f * fFacing;
-            Put(cPicture, i, Mix({cBase.r * fLight, cBase.g * fLight, cBase.b * fLight}, {0.55f, 0.62f, 0.75f},
-                                 0.35f * fDepth * fDepth));
+            Put(cPicture, i,
+                Mix({cBase.r * fLight, cBase.g * fLight, cBase.b * fLight}, {0.55f, 0.62f, 0.75f},
+                    0.35f * fDepth * fDepth));
         }
     return cPicture;
 }
@@ -155,8 +175,8 @@ Picture HeatMap(Resolution cResolution, const std::vector<std::uint64_t>& aCount
     return cPicture;
 }
 
-Picture Thickness(Resolution cResolution, const std::vector<float>& aNearest, const std::vector<float>& aFarthest,
-                  float fMaxDistance)
+Picture Thickness(Resolution cResolution, const std::vector<float>& aNearest,
+                  const std::vector<float>& aFarthest, float fMaxDistance)
 {
     CheckSize(cResolution, aNearest.size());
     CheckSize(cResolution, aFarthest.size());
@@ -170,7 +190,8 @@ Picture Thickness(Resolution cResolution, const std::vector<float>& aNearest, co
         if (IsHit(aNearest[i], fMaxDistance))
         {
             const float fThickness = std::max(0.0f, aFarthest[i] - aNearest[i]);
-            Put(cPicture, i, Ramp(0.1f + 0.9f * static_cast<float>(fScale > 0.0 ? fThickness / fScale : 0.0)));
+            Put(cPicture, i,
+                Ramp(0.1f + 0.9f * static_cast<float>(fScale > 0.0 ? fThickness / fScale : 0.0)));
         }
     return cPicture;
 }

@@ -14,14 +14,15 @@ struct Picture
 };
 
 // Nearest distances shaded as a surface: normals from neighbouring hit points, light and distance fog.
-Picture ShadeDepth(const Rays& cRays, Resolution cResolution, const std::vector<float>& aNearest, float fMaxDistance);
+Picture ShadeDepth(const Rays& cRays, Resolution cResolution, const std::vector<float>& aNearest,
+                   float fMaxDistance);
 // Triangle indices hashed to colours; misses black.
 Picture ColourIndices(Resolution cResolution, const std::vector<std::int32_t>& aIndices);
 // Hit counts as a heat map scaled to the largest count; no hits black.
 Picture HeatMap(Resolution cResolution, const std::vector<std::uint64_t>& aCounts);
 // Farthest minus nearest distance as a heat map; misses black.
-Picture Thickness(Resolution cResolution, const std::vector<float>& aNearest, const std::vector<float>& aFarthest,
-                  float fMaxDistance);
+Picture Thickness(Resolution cResolution, const std::vector<float>& aNearest,
+                  const std::vector<float>& aFarthest, float fMaxDistance);
 
 // Throws ToolError when the file cannot be written.
 void WritePng(const std::string& sPath, const Picture& cPicture);

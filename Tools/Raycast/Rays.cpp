@@ -31,8 +31,8 @@ Resolution ParseResolution(const std::string& sText, const std::string& sOption)
         const unsigned long nWidth = std::strtoul(sText.c_str(), &pEnd, 10);
         bValid = pEnd == sText.c_str() + iCross;
         const unsigned long nHeight = std::strtoul(sText.c_str() + iCross + 1, &pEnd, 10);
-        bValid = bValid && *pEnd == '\0' && nWidth > 0 && nHeight > 0 && nWidth <= 65536 && nHeight <= 65536 &&
-                 std::isdigit(static_cast<unsigned char>(sText[0])) &&
+        bValid = bValid && *pEnd == '\0' && nWidth > 0 && nHeight > 0 && nWidth <= 65536 &&
+                 nHeight <= 65536 && std::isdigit(static_cast<unsigned char>(sText[0])) &&
                  std::isdigit(static_cast<unsigned char>(sText[iCross + 1]));
         cResolution = {static_cast<std::uint32_t>(nWidth), static_cast<std::uint32_t>(nHeight)};
     }
@@ -91,8 +91,8 @@ Rays GenerateSphereRays(Vec3 cCenter, std::uint64_t nRays)
         const double fZ = 1.0 - (2.0 * i + 1.0) / static_cast<double>(nRays);
         const double fRadius = std::sqrt(std::max(0.0, 1.0 - fZ * fZ));
         const double fAngle = fGoldenAngle * static_cast<double>(i);
-        cRays.Add(cCenter, {static_cast<float>(fRadius * std::cos(fAngle)), static_cast<float>(fRadius * std::sin(fAngle)),
-                            static_cast<float>(fZ)});
+        cRays.Add(cCenter, {static_cast<float>(fRadius * std::cos(fAngle)),
+                            static_cast<float>(fRadius * std::sin(fAngle)), static_cast<float>(fZ)});
     }
     return cRays;
 }
@@ -115,7 +115,8 @@ Rays GenerateGridRays(const Bounds& cBounds, Vec3 cDirection, Resolution cResolu
     cRays.aDirections.reserve(cResolution.Pixels() * 3);
     for (std::uint32_t iRow = 0; iRow < cResolution.nHeight; ++iRow)
         for (std::uint32_t iColumn = 0; iColumn < cResolution.nWidth; ++iColumn)
-            cRays.Add(cCorner + cRight * ((iColumn + 0.5f) * fStepX) - cUp * ((iRow + 0.5f) * fStepY), cForward);
+            cRays.Add(cCorner + cRight * ((iColumn + 0.5f) * fStepX) - cUp * ((iRow + 0.5f) * fStepY),
+                      cForward);
     return cRays;
 }
 

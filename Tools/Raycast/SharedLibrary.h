@@ -10,7 +10,10 @@ public:
     // Returns an empty owner and sets sError (dlerror's text) when the library cannot be loaded.
     static SharedLibrary Open(const std::string& sPath, std::string& sError);
 
-    SharedLibrary(SharedLibrary&& cOther) noexcept : m_pHandle(cOther.m_pHandle) { cOther.m_pHandle = nullptr; }
+    SharedLibrary(SharedLibrary&& cOther) noexcept : m_pHandle(cOther.m_pHandle)
+    {
+        cOther.m_pHandle = nullptr;
+    }
     SharedLibrary& operator=(SharedLibrary&& cOther) noexcept;
     SharedLibrary(const SharedLibrary&) = delete;
     SharedLibrary& operator=(const SharedLibrary&) = delete;

@@ -24,8 +24,9 @@ const char* ModeName(TraceMode eMode)
 
 const std::vector<TraceMode>& AllModes()
 {
-    static const std::vector<TraceMode> c_aModes = {TraceMode::Nearest, TraceMode::NearestIndex, TraceMode::Both,
-                                                    TraceMode::BothIndex, TraceMode::Count, TraceMode::All};
+    static const std::vector<TraceMode> c_aModes = {TraceMode::Nearest, TraceMode::NearestIndex,
+                                                    TraceMode::Both,    TraceMode::BothIndex,
+                                                    TraceMode::Count,   TraceMode::All};
     return c_aModes;
 }
 

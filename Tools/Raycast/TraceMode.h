@@ -20,9 +20,18 @@ const char* ModeName(TraceMode eMode);
 TraceMode ParseMode(const std::string& sName);
 const std::vector<TraceMode>& AllModes();
 
-inline bool HasIndices(TraceMode eMode) { return eMode == TraceMode::NearestIndex || eMode == TraceMode::BothIndex; }
-inline bool HasFarthest(TraceMode eMode) { return eMode == TraceMode::Both || eMode == TraceMode::BothIndex; }
-inline bool IsCounting(TraceMode eMode) { return eMode == TraceMode::Count || eMode == TraceMode::All; }
+inline bool HasIndices(TraceMode eMode)
+{
+    return eMode == TraceMode::NearestIndex || eMode == TraceMode::BothIndex;
+}
+inline bool HasFarthest(TraceMode eMode)
+{
+    return eMode == TraceMode::Both || eMode == TraceMode::BothIndex;
+}
+inline bool IsCounting(TraceMode eMode)
+{
+    return eMode == TraceMode::Count || eMode == TraceMode::All;
+}
 
 struct TraceResults
 {

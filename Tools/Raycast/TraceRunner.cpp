@@ -13,21 +13,27 @@ namespace
 constexpr double c_fSliceSeconds = 2.0;
 constexpr std::uint64_t c_nFirstSlice = 1u << 18;
 
+// The library's messages end in a newline; the tool adds its own.
+std::string WithoutTrailingNewlines(std::string sText)
+{
+    while (!sText.empty() && sText.back() == '\n')
+        sText.pop_back();
+    return sText;
+}
+
 std::string ShowCall(RayTracingErrorType eResult, const std::string& sError)
 {
-    std::string sMessage = "RayTracing returned " + std::to_string(static_cast<int>(eResult)) + " (" +
-                           ResultName(eResult) + ")";
+    std::string sMessage =
+        "RayTracing returned " + std::to_string(static_cast<int>(eResult)) + " (" + ResultName(eResult) + ")";
     if (!sError.empty())
         sMessage += ": " + sError;
-    while (!sMessage.empty() && sMessage.back() == '\n')
-        sMessage.pop_back();
-    return sMessage;
+    return WithoutTrailingNewlines(sMessage);
 }
 
 // One call for rays [iStart, iStart + nRays); in All mode the offsets it writes start at 0.
-void TraceSlice(RayTracingFunction pRayTracing, const Mesh& cMesh, const Rays& cRays, const TraceRequest& cRequest,
-                std::uint64_t iStart, std::uint64_t nRays, TraceResults& cResults, std::vector<float>& aAllHits,
-                std::string& sLog)
+void TraceSlice(RayTracingFunction pRayTracing, const Mesh& cMesh, const Rays& cRays,
+                const TraceRequest& cRequest, std::uint64_t iStart, std::uint64_t nRays,
+                TraceResults& cResults, std::vector<float>& aAllHits, std::string& sLog)
 {
     RayTracingResults cCall;
     cCall.bCollectAllHits = cRequest.eMode == TraceMode::All;
@@ -45,13 +51,13 @@ void TraceSlice(RayTracingFunction pRayTracing, const Mesh& cMesh, const Rays& c
     try
     {
         eResult = pRayTracing(cCall, cMesh.TriangleCount(), cMesh.aTriangles.data(), nRays, pOrigin,
-                              cRays.aDirections.data() + 3 * iStart, pDistance, cRequest.iGpuId, sCallLog, sError,
-                              cRequest.bDiagnostics, cRequest.fMaxDistance, 0);
+                              cRays.aDirections.data() + 3 * iStart, pDistance, cRequest.iGpuId, sCallLog,
+                              sError, cRequest.bDiagnostics, cRequest.fMaxDistance, 0);
     }
     // Device set-up failures leave the library as exceptions rather than result codes.
     catch (const std::string& sThrown)
     {
-        throw ToolError("RayTracing failed: " + sThrown);
+        throw ToolError(WithoutTrailingNewlines("RayTracing failed: " + sThrown));
     }
     catch (const std::bad_alloc&)
     {
@@ -59,7 +65,7 @@ void TraceSlice(RayTracingFunction pRayTracing, const Mesh& cMesh, const Rays& c
     }
     catch (const std::exception& cException)
     {
-        throw ToolError(std::string("RayTracing failed: ") + cException.what());
+        throw ToolError(WithoutTrailingNewlines(std::string("RayTracing failed: ") + cException.what()));
     }
     sLog += sCallLog;
     if (eResult != Success)
@@ -101,7 +107,8 @@ TraceStatistics Trace(RayTracingFunction pRayTracing, const Mesh& cMesh, const R
         const std::uint64_t nSliceRays = std::min(nSlice, nRays - iStart);
         const auto cSliceStart = std::chrono::steady_clock::now();
         std::vector<float> aSliceHits;
-        TraceSlice(pRayTracing, cMesh, cRays, cRequest, iStart, nSliceRays, cResults, aSliceHits, cStatistics.sLog);
+        TraceSlice(pRayTracing, cMesh, cRays, cRequest, iStart, nSliceRays, cResults, aSliceHits,
+                   cStatistics.sLog);
         ++cStatistics.nCalls;
         if (cRequest.eMode == TraceMode::All)
         {
@@ -116,7 +123,8 @@ TraceStatistics Trace(RayTracingFunction pRayTracing, const Mesh& cMesh, const R
         }
         iStart += nSliceRays;
         cProgress.Update(iStart);
-        const double fSliceSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - cSliceStart).count();
+        const double fSliceSeconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - cSliceStart).count();
         if (cRequest.nSliceRays == 0 && fSliceSeconds < c_fSliceSeconds)
             nSlice *= 2;
     } while (iStart < nRays);

@@ -17,7 +17,8 @@ public:
     const char* name() const override { return "cuda"; }
     std::string message(int nError) const override
     {
-        return std::string(cudaGetErrorName(cudaError_t(nError))) + ": " + cudaGetErrorString(cudaError_t(nError));
+        return std::string(cudaGetErrorName(cudaError_t(nError))) + ": " +
+               cudaGetErrorString(cudaError_t(nError));
     }
 };
 
@@ -35,6 +36,7 @@ inline auto StreamPolicy(cudaStream_t stream)
 {
     cudaError_t nError = cudaStreamSynchronize(stream);
     if (nError != cudaSuccess)
-        throw thrust::system_error(nError, RayTracingCpu::StandIn::CudaCategory(), "failed to synchronize stream");
+        throw thrust::system_error(nError, RayTracingCpu::StandIn::CudaCategory(),
+                                   "failed to synchronize stream");
     return thrust::cpp::par;
 }

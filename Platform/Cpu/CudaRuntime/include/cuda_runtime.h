@@ -17,9 +17,7 @@
 #ifndef __forceinline__
 #define __forceinline__ inline __attribute__((always_inline))
 #endif
-#ifndef __noinline__
-#define __noinline__ __attribute__((noinline))
-#endif
+// No __noinline__: libstdc++ spells __attribute__((__noinline__)) itself.
 #ifndef __constant__
 #define __constant__
 #endif
@@ -31,6 +29,8 @@
 #endif
 
 #define CUDART_VERSION 13000
+
+#include "StandInVectorTypes.h"
 
 enum cudaError
 {
@@ -214,48 +214,6 @@ struct cudaDeviceProp
 // Defined in StandInStream.h; the OptiX driver stand-in enqueues its work through it.
 struct CUstream_st;
 typedef struct CUstream_st* cudaStream_t;
-
-struct float2
-{
-    float x, y;
-};
-struct float3
-{
-    float x, y, z;
-};
-struct __align__(16) float4
-{
-    float x, y, z, w;
-};
-struct int2
-{
-    int x, y;
-};
-struct int3
-{
-    int x, y, z;
-};
-struct uint2
-{
-    unsigned int x, y;
-};
-struct uint3
-{
-    unsigned int x, y, z;
-};
-struct __align__(16) uint4
-{
-    unsigned int x, y, z, w;
-};
-
-inline float2 make_float2(float x, float y) { return float2{x, y}; }
-inline float3 make_float3(float x, float y, float z) { return float3{x, y, z}; }
-inline float4 make_float4(float x, float y, float z, float w) { return float4{x, y, z, w}; }
-inline int2 make_int2(int x, int y) { return int2{x, y}; }
-inline int3 make_int3(int x, int y, int z) { return int3{x, y, z}; }
-inline uint2 make_uint2(unsigned int x, unsigned int y) { return uint2{x, y}; }
-inline uint3 make_uint3(unsigned int x, unsigned int y, unsigned int z) { return uint3{x, y, z}; }
-inline uint4 make_uint4(unsigned int x, unsigned int y, unsigned int z, unsigned int w) { return uint4{x, y, z, w}; }
 
 extern "C"
 {

@@ -97,7 +97,8 @@ DeviceConfig ReadDeviceConfig()
             cConfig.nThreadsPerMultiprocessor);
     ReadInt("RAYTRACING_CPU_THREADS", 1, INT_MAX, "a positive count", cConfig.nThreads);
     std::uint64_t nMaxPrimitives = 0;
-    if (ReadUnsigned("RAYTRACING_CPU_MAX_PRIMITIVES_PER_GAS", 1, UINT32_MAX, "a positive count", nMaxPrimitives))
+    if (ReadUnsigned("RAYTRACING_CPU_MAX_PRIMITIVES_PER_GAS", 1, UINT32_MAX, "a positive count",
+                     nMaxPrimitives))
         cConfig.nMaxPrimitivesPerGas = std::uint32_t(nMaxPrimitives);
     ReadFlag("RAYTRACING_CPU_DEFER_STREAMS", cConfig.bDeferStreams);
 

@@ -67,8 +67,7 @@ cudaError_t CheckDevice(int device)
 }
 } // namespace
 
-extern "C"
-{
+// C linkage comes from the declarations in cuda_runtime.h.
 cudaError_t cudaSetDevice(int device)
 {
     if (cudaError_t nFault = EnterCall("cudaSetDevice"))
@@ -276,7 +275,8 @@ cudaError_t cudaMemcpy(void* dst, const void* src, size_t count, cudaMemcpyKind 
     return cudaSuccess;
 }
 
-cudaError_t cudaMemcpyAsync(void* dst, const void* src, size_t count, cudaMemcpyKind kind, cudaStream_t stream)
+cudaError_t cudaMemcpyAsync(void* dst, const void* src, size_t count, cudaMemcpyKind kind,
+                            cudaStream_t stream)
 {
     if (cudaError_t nFault = EnterCall("cudaMemcpyAsync"))
         return Report(nFault);
@@ -359,4 +359,3 @@ cudaError_t cudaPeekAtLastError(void)
         return nFault;
     return RayTracingCpu::StandIn::TakeLastError(false);
 }
-} // extern "C"

@@ -25,8 +25,8 @@ std::shared_ptr<tbb::task_arena> MakeWorkers(int nThreads)
 {
     if (nThreads <= 0)
         nThreads = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
-    // No slot reserved for the caller: the stream worker that enqueues the launch only waits.
-    return std::make_shared<tbb::task_arena>(nThreads, 0);
+    // One slot for the thread that runs the work (a stream's worker): it takes part, the rest are TBB's.
+    return std::make_shared<tbb::task_arena>(nThreads, 1);
 }
 } // namespace
 

@@ -52,7 +52,8 @@ struct OptixDeviceContext_t
     unsigned int nLogLevel = 0;
     std::shared_ptr<OptixStandIn::SceneStore> pScenes;
 
-    std::mutex mutex; // log calls and the child sets
+    std::mutex logMutex;   // callbacks may come from stream workers
+    std::mutex childMutex; // the child sets
     std::unordered_set<OptixModule_t*> aModules;
     std::unordered_set<OptixProgramGroup_t*> aGroups;
     std::unordered_set<OptixPipeline_t*> aPipelines;
@@ -73,6 +74,8 @@ struct OptixProgramGroup_t
     OptixDeviceContext_t* pContext = nullptr;
     std::uint64_t nSerial = 0; // written into record headers
     OptixStandIn::ProgramSet cPrograms;
+    const OptixModule_t* pAnyModule = nullptr; // a module of the group (null for an empty miss group)
+    OptixStandIn::PipelineOptions cModuleOptions; // what its modules were compiled with
 };
 
 struct OptixPipeline_t

@@ -23,7 +23,7 @@ void RecordEmbreeError(void* pUser, RTCError eCode, const char* sMessage)
 }
 
 // Copies the triangles of one input into an Embree geometry; null when the device refused it.
-RTCGeometry MakeTriangleGeometry(RTCDevice hDevice, const TriangleInput& cInput)
+RTCGeometry MakeTriangleGeometry(RTCDevice hDevice, const TriangleInput& cInput, const float*& pCopy)
 {
     const unsigned int nTriangles = cInput.nVertices / 3;
     RTCGeometry hGeometry = rtcNewGeometry(hDevice, RTC_GEOMETRY_TYPE_TRIANGLE);
@@ -48,6 +48,7 @@ RTCGeometry MakeTriangleGeometry(RTCDevice hDevice, const TriangleInput& cInput)
     for (unsigned int i = 0; i < 3 * nTriangles; ++i)
         pIndices[i] = i;
     rtcCommitGeometry(hGeometry);
+    pCopy = pVertices;
     return hGeometry;
 }
 } // namespace
@@ -90,10 +91,10 @@ std::string SceneStore::Build(OptixTraversableHandle hTraversable, const std::ve
                          static_cast<RTCSceneFlags>(RTC_SCENE_FLAG_ROBUST | RTC_SCENE_FLAG_CONTEXT_FILTER_FUNCTION));
         for (size_t i = 0; i < aInputs.size(); ++i)
         {
-            aGeometries[i] = GeometryInfo{aInputs[i].uGeometryFlags, aInputs[i].iPrimitiveIndexOffset};
+            aGeometries[i] = GeometryInfo{aInputs[i].uGeometryFlags, aInputs[i].iPrimitiveIndexOffset, nullptr};
             if (aInputs[i].nVertices == 0)
                 continue;
-            RTCGeometry hGeometry = MakeTriangleGeometry(m_hDevice, aInputs[i]);
+            RTCGeometry hGeometry = MakeTriangleGeometry(m_hDevice, aInputs[i], aGeometries[i].pVertices);
             if (!hGeometry)
                 break;
             rtcAttachGeometryByID(hScene, hGeometry, static_cast<unsigned int>(i));

@@ -81,27 +81,28 @@ struct DeviceSegmentedSort
         // Offsets are read when the stream reaches the sort, as the GPU would read them.
         auto fnSort = [=]
         {
-            StandIn::ParallelFor(
-                std::size_t(num_segments),
-                [=](std::size_t iFirst, std::size_t iLast)
-                {
-                    for (std::size_t iSegment = iFirst; iSegment < iLast; ++iSegment)
-                    {
-                        auto nBegin = d_begin_offsets[iSegment];
-                        auto nEnd = d_end_offsets[iSegment];
-                        if (!(nBegin < nEnd))
-                            continue; // empty segment, as in CUB
-                        // An offset outside the keys would be an illegal address on the device.
-                        if (StandInDetail::IsNegative(nBegin) || std::uint64_t(nEnd) > std::uint64_t(num_items))
-                            throw StandIn::DeviceFault{cudaErrorIllegalAddress};
-                        const KeyT* pIn = d_keys_in + std::size_t(nBegin);
-                        KeyT* pOut = d_keys_out + std::size_t(nBegin);
-                        std::size_t nKeys = std::size_t(nEnd) - std::size_t(nBegin);
-                        if (pIn != pOut)
-                            std::copy(pIn, pIn + nKeys, pOut);
-                        std::sort(pOut, pOut + nKeys, StandInDetail::RadixOrder<KeyT>());
-                    }
-                });
+            StandIn::ParallelFor(std::size_t(num_segments),
+                                 [=](std::size_t iFirst, std::size_t iLast)
+                                 {
+                                     for (std::size_t iSegment = iFirst; iSegment < iLast; ++iSegment)
+                                     {
+                                         auto nBegin = d_begin_offsets[iSegment];
+                                         auto nEnd = d_end_offsets[iSegment];
+                                         if (!(nBegin < nEnd))
+                                             continue; // empty segment, as in CUB
+                                         // An offset outside the keys would be an illegal address on the
+                                         // device.
+                                         if (StandInDetail::IsNegative(nBegin) ||
+                                             std::uint64_t(nEnd) > std::uint64_t(num_items))
+                                             throw StandIn::DeviceFault{cudaErrorIllegalAddress};
+                                         const KeyT* pIn = d_keys_in + std::size_t(nBegin);
+                                         KeyT* pOut = d_keys_out + std::size_t(nBegin);
+                                         std::size_t nKeys = std::size_t(nEnd) - std::size_t(nBegin);
+                                         if (pIn != pOut)
+                                             std::copy(pIn, pIn + nKeys, pOut);
+                                         std::sort(pOut, pOut + nKeys, StandInDetail::RadixOrder<KeyT>());
+                                     }
+                                 });
         };
         return StandIn::Report(StandIn::EnqueueOrdered(stream, fnSort));
     }

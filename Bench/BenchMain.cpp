@@ -1,0 +1,189 @@
+// raycast-bench: M rays/s of every mode of the library against Embree called directly, on the same meshes,
+// rays and thread count; on a GPU machine also the GPU flavour against a plain copy of its input.
+#include "BenchScene.h"
+#include "CudaDriver.h"
+#include "EmbreeBaseline.h"
+#include "Flavour.h"
+#include "PeakMemory.h"
+#include "ToolError.h"
+#include "TraceRunner.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cfloat>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <optional>
+#include <thread>
+
+namespace
+{
+struct BenchOptions
+{
+    bool bQuick = false;
+    int nThreads = 0;
+    std::uint64_t nRays = 1000000;
+    std::vector<std::uint64_t> aTriangles = {10000, 100000, 1000000};
+};
+
+std::string CpuModel()
+{
+    std::ifstream cFile("/proc/cpuinfo");
+    std::string sLine;
+    while (std::getline(cFile, sLine))
+        if (sLine.rfind("model name", 0) == 0 && sLine.find(':') != std::string::npos)
+            return sLine.substr(sLine.find(':') + 2);
+    return "unknown CPU";
+}
+
+// Rays on which the two answers differ beyond float noise.
+std::uint64_t Disagreements(TraceMode eMode, const TraceResults& cOurs, const TraceResults& cEmbree)
+{
+    const auto Differs = [](float a, float b)
+    { return std::fabs(a - b) > 1e-4f * std::max(1.0f, std::fabs(b)); };
+    std::uint64_t nDiffer = 0;
+    if (IsCounting(eMode))
+    {
+        for (std::size_t i = 0; i < cOurs.aCounts.size(); ++i)
+            nDiffer += cOurs.aCounts[i] != cEmbree.aCounts[i];
+        return nDiffer;
+    }
+    for (std::size_t i = 0; i < cOurs.aNearestDistance.size(); ++i)
+        nDiffer += Differs(cOurs.aNearestDistance[i], cEmbree.aNearestDistance[i]) ||
+                   (HasFarthest(eMode) && Differs(cOurs.aFarthestDistance[i], cEmbree.aFarthestDistance[i]));
+    return nDiffer;
+}
+
+// The first call of a flavour loads OptiX and warms caches; keep that out of the figures.
+void WarmUp(const Flavour& cFlavour)
+{
+    Mesh cMesh;
+    cMesh.AddTriangle({-1, -1, 1}, {1, -1, 1}, {0, 1, 1});
+    Rays cRays;
+    cRays.Add({0, 0, 0}, {0, 0, 1});
+    TraceResults cResults;
+    Trace(cFlavour.RayTracing(), cMesh, cRays, TraceRequest(), cResults);
+}
+
+void RunCases(const BenchOptions& cOptions, Flavour& cFlavour, const CudaDriver* pCuda)
+{
+    WarmUp(cFlavour);
+    const Rays cRays = RandomRays(cOptions.nRays);
+    for (std::uint64_t nTargetTriangles : cOptions.aTriangles)
+    {
+        const Mesh cMesh = BuildBlobs(nTargetTriangles);
+        double fCopySeconds = -1.0;
+        if (pCuda != nullptr)
+        {
+            std::vector<char> aInput(cMesh.aTriangles.size() * 4 + cRays.aOrigins.size() * 4 +
+                                     cRays.aDirections.size() * 4);
+            fCopySeconds = pCuda->TimeHostToDeviceCopy(0, aInput.data(), aInput.size());
+        }
+        for (TraceMode eMode : AllModes())
+        {
+            TraceRequest cRequest;
+            cRequest.eMode = eMode;
+            TraceResults cOurs;
+            ResetPeakMemory();
+            const TraceStatistics cStatistics = Trace(cFlavour.RayTracing(), cMesh, cRays, cRequest, cOurs);
+            const std::uint64_t nPeakMb = PeakMemoryMb();
+            TraceResults cEmbree;
+            const double fEmbreeSeconds =
+                TraceWithEmbree(cMesh, cRays, eMode, cRequest.fMaxDistance, cOptions.nThreads, cEmbree);
+
+            const double fOurs = cRays.Count() / cStatistics.fSeconds * 1e-6;
+            const double fEmbree = cRays.Count() / fEmbreeSeconds * 1e-6;
+            std::printf("%s %s triangles=%llu rays=%llu ours=%.3f embree=%.3f ratio=%.3f peak_mb=%llu",
+                        cFlavour.IsGpu() ? "bench-gpu" : "bench", ModeName(eMode),
+                        static_cast<unsigned long long>(cMesh.TriangleCount()),
+                        static_cast<unsigned long long>(cRays.Count()), fOurs, fEmbree, fOurs / fEmbree,
+                        static_cast<unsigned long long>(nPeakMb));
+            if (pCuda != nullptr && fCopySeconds > 0.0)
+            {
+                const double fCopyBound = cRays.Count() / fCopySeconds * 1e-6;
+                std::printf(" copy_s=%.4f copy_bound=%.3f fraction=%.3f", fCopySeconds, fCopyBound,
+                            fOurs / fCopyBound);
+            }
+            std::printf("\n");
+            const std::uint64_t nDiffer = Disagreements(eMode, cOurs, cEmbree);
+            if (nDiffer * 1000 > cRays.Count())
+                std::printf("# note: %s answers differ from Embree's on %llu of %llu rays\n", ModeName(eMode),
+                            static_cast<unsigned long long>(nDiffer),
+                            static_cast<unsigned long long>(cRays.Count()));
+            std::fflush(stdout);
+        }
+    }
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    BenchOptions cOptions;
+    CLI::App cApp("Rays per second of every mode of the library against Embree called directly.",
+                  "raycast-bench");
+    cApp.add_flag("--quick", cOptions.bQuick, "only the 1M-triangle mesh");
+    cApp.add_option("--threads", cOptions.nThreads,
+                    "threads of the CPU flavour and of Embree (default: all cores)")
+        ->check(CLI::NonNegativeNumber);
+    cApp.add_option("--rays", cOptions.nRays, "rays per case")
+        ->check(CLI::Range(std::uint64_t(1), std::uint64_t(1) << 32))
+        ->capture_default_str();
+    cApp.add_option("--triangles", cOptions.aTriangles, "mesh sizes (default: 10000 100000 1000000)");
+    try
+    {
+        cApp.parse(argc, argv);
+    }
+    catch (const CLI::ParseError& cError)
+    {
+        if (cError.get_exit_code() == 0)
+            return cApp.exit(cError);
+        std::fprintf(stderr, "raycast-bench: error: %s\n", cError.what());
+        return cError.get_exit_code();
+    }
+    if (cOptions.bQuick)
+        cOptions.aTriangles = {1000000};
+    if (cOptions.nThreads == 0)
+        cOptions.nThreads = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+
+    try
+    {
+        Flavour cCpu = Flavour::Load(DeviceChoice::Cpu, 0);
+        if (!cCpu.SetCpuThreads(cOptions.nThreads))
+            std::printf("# note: cannot set the CPU flavour's thread count\n");
+        std::printf("# raycast-bench: %s, %d threads for both, CPU flavour %s\n", CpuModel().c_str(),
+                    cOptions.nThreads, cCpu.LibraryPath().c_str());
+        std::fflush(stdout);
+        RunCases(cOptions, cCpu, nullptr);
+
+        std::string sWhyNot;
+        CudaDriver cCuda = CudaDriver::Load(sWhyNot);
+        std::optional<Flavour> cGpu;
+        try
+        {
+            cGpu.emplace(Flavour::Load(DeviceChoice::Gpu, 0));
+        }
+        catch (const ToolError& cError)
+        {
+            sWhyNot = cError.what();
+        }
+        if (!cGpu || !cCuda)
+        {
+            std::printf("# no GPU run: %s\n", sWhyNot.c_str());
+            return 0;
+        }
+        std::printf("# GPU flavour %s on %s\n", cGpu->LibraryPath().c_str(), cGpu->Device().c_str());
+        RunCases(cOptions, *cGpu, &cCuda);
+    }
+    catch (const ToolError& cError)
+    {
+        std::fprintf(stderr, "raycast-bench: error: %s\n", cError.what());
+        return 1;
+    }
+    catch (const std::exception& cError)
+    {
+        std::fprintf(stderr, "raycast-bench: error: %s\n", cError.what());
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,12 @@
+// The same requests answered by calling Embree directly: the yardstick for the CPU flavour.
+#pragma once
+
+#include "Mesh.h"
+#include "Rays.h"
+#include "TraceMode.h"
+
+// Builds the scene and traces every ray on nThreads threads, filling cResults like the library would.
+// Closest hits come from rtcIntersect1; farthest hits, counts and all hits from an intersection filter that
+// records each hit and rejects it so that traversal goes on. Returns the seconds taken, build included.
+double TraceWithEmbree(const Mesh& cMesh, const Rays& cRays, TraceMode eMode, float fMaxDistance,
+                       int nThreads, TraceResults& cResults);

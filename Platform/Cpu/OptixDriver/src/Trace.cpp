@@ -1,0 +1,304 @@
+// optixTrace on the host: one Embree query per trace, with the any-hit program in Embree's intersection
+// filter and the closest-hit or miss program afterwards. Nothing here allocates per ray.
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+#include "LaunchContext.h"
+
+namespace OptixHost
+{
+__thread ProgramState* t_pProgramState = nullptr;
+}
+
+namespace OptixStandIn
+{
+namespace
+{
+using OptixHost::ProgramState;
+
+// Embree hands the filter its intersect context; ours carries what the any-hit program needs.
+struct TraceContext
+{
+    RTCIntersectContext rtc; // first member: Embree's pointer is ours
+    ProgramState* pState;
+    const Scene* pScene;
+    const HitGroupEntry* pHitGroup;
+    bool bEnforceAnyHit;
+    float3 origin, direction;
+    float fTmin, fTmax;
+    float fAccepted; // distance of the last accepted candidate, which ends as the closest
+};
+
+struct SceneCache
+{
+    std::uint64_t nLaunch;
+    OptixTraversableHandle hTraversable;
+    const Scene* pScene;
+};
+__thread SceneCache t_cSceneCache = {0, 0, nullptr};
+
+constexpr unsigned int c_uSupportedRayFlags = OPTIX_RAY_FLAG_DISABLE_ANYHIT | OPTIX_RAY_FLAG_ENFORCE_ANYHIT |
+                                              OPTIX_RAY_FLAG_TERMINATE_ON_FIRST_HIT |
+                                              OPTIX_RAY_FLAG_DISABLE_CLOSESTHIT;
+
+// Embree accepts t > tnear and needs tnear >= 0: one float step below tmin, so that tmin itself is in.
+// A hit at exactly t = 0 is therefore never reported.
+float EmbreeTnear(float fTmin)
+{
+    if (!(fTmin > 0.0f))
+        return 0.0f;
+    if (std::isinf(fTmin))
+        return fTmin;
+    std::uint32_t uBits;
+    std::memcpy(&uBits, &fTmin, sizeof(uBits));
+    --uBits;
+    std::memcpy(&fTmin, &uBits, sizeof(uBits));
+    return fTmin;
+}
+
+// Embree's distances are a few ulps off (approximate reciprocals); it searches a little beyond tmax, and
+// the exact distance below decides.
+float EmbreeTfar(float fTmax) { return fTmax > 0.0f ? fTmax + fTmax * (1.0f / 65536.0f) : fTmax; }
+
+// Embree's limit for ray coordinates (beyond it, or NaN, its queries are undefined): such rays miss.
+bool IsTraceable(float3 v)
+{
+    constexpr float c_fLimit = 1.0e18f;
+    return std::fabs(v.x) < c_fLimit && std::fabs(v.y) < c_fLimit && std::fabs(v.z) < c_fLimit;
+}
+
+// The distance to the triangle's plane in double precision, so that reported distances are exact where the
+// geometry is (a plane z = 1 is met at t = 1, not one ulp short).
+float ExactDistance(const GeometryInfo& cGeometry, unsigned int iTriangle, float3 o, float3 d, float fEmbree)
+{
+    const float* v = cGeometry.pVertices + 9 * static_cast<size_t>(iTriangle);
+    const double e1[3] = {double(v[3]) - v[0], double(v[4]) - v[1], double(v[5]) - v[2]};
+    const double e2[3] = {double(v[6]) - v[0], double(v[7]) - v[1], double(v[8]) - v[2]};
+    const double n[3] = {e1[1] * e2[2] - e1[2] * e2[1], e1[2] * e2[0] - e1[0] * e2[2], e1[0] * e2[1] - e1[1] * e2[0]};
+    const double fDenominator = n[0] * d.x + n[1] * d.y + n[2] * d.z;
+    const double fNumerator = n[0] * (double(v[0]) - o.x) + n[1] * (double(v[1]) - o.y) + n[2] * (double(v[2]) - o.z);
+    const float fExact = static_cast<float>(fNumerator / fDenominator);
+    return std::isfinite(fExact) && fDenominator != 0.0 ? fExact : fEmbree;
+}
+
+const Scene* FindScene(OptixHost::LaunchContext& cLaunch, OptixTraversableHandle hTraversable)
+{
+    SceneCache& cCache = t_cSceneCache;
+    if (cCache.nLaunch == cLaunch.nSerial && cCache.hTraversable == hTraversable)
+        return cCache.pScene;
+    std::shared_ptr<const Scene> pScene = cLaunch.pScenes->Find(hTraversable);
+    if (!pScene)
+        return nullptr;
+    {
+        std::lock_guard<std::mutex> lock(cLaunch.mutex);
+        cLaunch.aHeldScenes.push_back(pScene);
+    }
+    cCache = SceneCache{cLaunch.nSerial, hTraversable, pScene.get()};
+    return pScene.get();
+}
+
+void AnyHitFilter(const RTCFilterFunctionNArguments* pArgs)
+{
+    if (pArgs->valid[0] == 0)
+        return;
+    auto* pContext = reinterpret_cast<TraceContext*>(pArgs->context);
+    const unsigned int iGeometry = RTCHitN_geomID(pArgs->hit, pArgs->N, 0);
+    const unsigned int iTriangle = RTCHitN_primID(pArgs->hit, pArgs->N, 0);
+    const GeometryInfo& cGeometry = pContext->pScene->Geometry(iGeometry);
+    // Embree sets tfar to the candidate's distance and restores it when the candidate is rejected.
+    const float fDistance = ExactDistance(cGeometry, iTriangle, pContext->origin, pContext->direction,
+                                          RTCRayN_tfar(pArgs->ray, pArgs->N, 0));
+    if (!(fDistance >= pContext->fTmin && fDistance <= pContext->fTmax))
+    {
+        pArgs->valid[0] = 0;
+        return;
+    }
+    if (pContext->bEnforceAnyHit || !(cGeometry.uFlags & OPTIX_GEOMETRY_FLAG_DISABLE_ANYHIT))
+    {
+        ProgramState* pState = pContext->pState;
+        pState->iPrimitive = iTriangle + cGeometry.iPrimitiveIndexOffset;
+        pState->fRayTmax = fDistance;
+        pState->bIgnored = false;
+        pState->pSbtData = pContext->pHitGroup->pData;
+        pContext->pHitGroup->fnAnyHit();
+        if (pState->bIgnored || pState->pLaunch->bFailed.load(std::memory_order_relaxed))
+        {
+            pArgs->valid[0] = 0; // rejected: the traversal goes on
+            return;
+        }
+    }
+    pContext->fAccepted = fDistance;
+}
+} // namespace
+} // namespace OptixStandIn
+
+void OptixHost::LaunchContext::Fail(cudaError_t eCode, const std::string& sWhy)
+{
+    if (bFailed.exchange(true))
+        return;
+    std::lock_guard<std::mutex> lock(mutex);
+    eError = eCode;
+    sFailure = sWhy;
+}
+
+namespace OptixHost
+{
+void DeviceAssertFailed(const char* sExpression, const char* sFile, unsigned int nLine)
+{
+    ProgramState* pState = t_pProgramState;
+    char sMessage[1024];
+    std::snprintf(sMessage, sizeof(sMessage), "%s:%u: block: [0,0,0], thread: [%u,%u,%u] Assertion `%s` failed.",
+                  sFile, nLine, pState ? pState->launchIndex.x : 0u, pState ? pState->launchIndex.y : 0u,
+                  pState ? pState->launchIndex.z : 0u, sExpression);
+    if (pState && pState->pLaunch)
+        pState->pLaunch->Fail(cudaErrorAssert, sMessage);
+    else
+        std::fprintf(stderr, "%s\n", sMessage);
+}
+
+unsigned int InvalidPayloadAccess(unsigned int iSlot)
+{
+    ProgramState* pState = t_pProgramState;
+    if (pState && pState->pLaunch)
+        pState->pLaunch->Fail(cudaErrorLaunchFailure, "payload slot " + std::to_string(iSlot) +
+                                                          " accessed, but the trace passed " +
+                                                          std::to_string(pState->nPayloadValues) + " values");
+    return 0;
+}
+
+void Trace(OptixTraversableHandle hTraversable, float3 origin, float3 direction, float fTmin, float fTmax,
+           float /*fRayTime*/, OptixVisibilityMask /*uVisibilityMask*/, unsigned int uRayFlags, unsigned int iSbtOffset,
+           unsigned int /*nSbtStride*/, unsigned int iMissSbtIndex, unsigned int* aPayload, unsigned int nPayloadValues)
+{
+    using namespace OptixStandIn;
+    ProgramState* pOuter = t_pProgramState;
+    LaunchContext& cLaunch = *pOuter->pLaunch;
+    if (cLaunch.bFailed.load(std::memory_order_relaxed))
+        return;
+    if (pOuter->nTraceDepth >= cLaunch.nMaxTraceDepth)
+        return cLaunch.Fail(cudaErrorLaunchFailure, "optixTrace nested deeper than the pipeline's maxTraceDepth " +
+                                                        std::to_string(cLaunch.nMaxTraceDepth));
+    if (nPayloadValues > cLaunch.nPayloadValues)
+        return cLaunch.Fail(cudaErrorLaunchFailure, "optixTrace passes " + std::to_string(nPayloadValues) +
+                                                        " payload values, the pipeline was compiled for " +
+                                                        std::to_string(cLaunch.nPayloadValues));
+    if (uRayFlags & ~c_uSupportedRayFlags)
+        return cLaunch.Fail(cudaErrorLaunchFailure,
+                            "optixTrace: the stand-in does not support the ray flags " + std::to_string(uRayFlags));
+    const Scene* pScene = FindScene(cLaunch, hTraversable);
+    if (!pScene)
+        return cLaunch.Fail(cudaErrorIllegalAddress, "optixTrace: " + std::to_string(hTraversable) +
+                                                         " is not the handle of a built acceleration structure");
+    // One SBT record per geometry, no instances: the hit group is the trace's SBT offset.
+    if (iSbtOffset >= cLaunch.aHitGroups.size() || !cLaunch.aHitGroups[iSbtOffset].bValid)
+        return cLaunch.Fail(cudaErrorLaunchFailure, "optixTrace: no valid hit group record at SBT index " +
+                                                        std::to_string(iSbtOffset));
+    const HitGroupEntry& cHitGroup = cLaunch.aHitGroups[iSbtOffset];
+
+    ProgramState cInner;
+    cInner.pPayload = aPayload;
+    cInner.nPayloadValues = nPayloadValues;
+    cInner.iPrimitive = 0;
+    cInner.fRayTmax = fTmax;
+    cInner.bIgnored = false;
+    cInner.nTraceDepth = pOuter->nTraceDepth + 1;
+    cInner.pSbtData = cHitGroup.pData;
+    cInner.launchIndex = pOuter->launchIndex;
+    cInner.pLaunch = &cLaunch;
+    t_pProgramState = &cInner;
+
+    RTCRayHit cRayHit;
+    cRayHit.ray.org_x = origin.x;
+    cRayHit.ray.org_y = origin.y;
+    cRayHit.ray.org_z = origin.z;
+    cRayHit.ray.tnear = EmbreeTnear(fTmin);
+    cRayHit.ray.dir_x = direction.x;
+    cRayHit.ray.dir_y = direction.y;
+    cRayHit.ray.dir_z = direction.z;
+    cRayHit.ray.time = 0.0f;
+    cRayHit.ray.tfar = EmbreeTfar(fTmax);
+    cRayHit.ray.mask = 0xFFFFFFFFu;
+    cRayHit.ray.id = 0;
+    cRayHit.ray.flags = 0;
+    cRayHit.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+    cRayHit.hit.primID = RTC_INVALID_GEOMETRY_ID;
+    cRayHit.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+    float fHitDistance = fTmax;
+
+    // An empty or NaN interval, or a ray Embree cannot take, meets nothing.
+    if (fTmin <= fTmax && IsTraceable(origin) && IsTraceable(direction))
+    {
+        TraceContext cContext;
+        rtcInitIntersectContext(&cContext.rtc);
+        cContext.pState = &cInner;
+        cContext.pScene = pScene;
+        cContext.pHitGroup = &cHitGroup;
+        cContext.bEnforceAnyHit = (uRayFlags & OPTIX_RAY_FLAG_ENFORCE_ANYHIT) != 0;
+        cContext.origin = origin;
+        cContext.direction = direction;
+        cContext.fTmin = fTmin;
+        cContext.fTmax = fTmax;
+        cContext.fAccepted = fTmax;
+        const bool bAnyHit = cHitGroup.fnAnyHit &&
+                             (cContext.bEnforceAnyHit ||
+                              (!(uRayFlags & OPTIX_RAY_FLAG_DISABLE_ANYHIT) && pScene->AnyHitPossible()));
+        if (bAnyHit)
+        {
+            // The filter checks every candidate's exact distance and runs the any-hit program.
+            cContext.rtc.filter = &AnyHitFilter;
+            rtcIntersect1(pScene->Handle(), &cContext.rtc, &cRayHit);
+            fHitDistance = cContext.fAccepted;
+        }
+        else
+        {
+            // Without a filter the nearest candidate decides: beyond tmax nothing nearer exists; short of
+            // tmin (by Embree's rounding) the search goes on behind it.
+            for (int iAttempt = 0; iAttempt < 4; ++iAttempt)
+            {
+                rtcIntersect1(pScene->Handle(), &cContext.rtc, &cRayHit);
+                if (cRayHit.hit.geomID == RTC_INVALID_GEOMETRY_ID)
+                    break;
+                fHitDistance = ExactDistance(pScene->Geometry(cRayHit.hit.geomID), cRayHit.hit.primID, origin,
+                                             direction, cRayHit.ray.tfar);
+                if (fHitDistance >= fTmin && fHitDistance <= fTmax)
+                    break;
+                const bool bShort = fHitDistance < fTmin;
+                cRayHit.ray.tnear = cRayHit.ray.tfar;
+                cRayHit.ray.tfar = EmbreeTfar(fTmax);
+                cRayHit.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+                if (!bShort)
+                    break;
+            }
+        }
+    }
+
+    if (!cLaunch.bFailed.load(std::memory_order_relaxed))
+    {
+        if (cRayHit.hit.geomID != RTC_INVALID_GEOMETRY_ID)
+        {
+            if (cHitGroup.fnClosestHit && !(uRayFlags & OPTIX_RAY_FLAG_DISABLE_CLOSESTHIT))
+            {
+                cInner.iPrimitive =
+                    cRayHit.hit.primID + pScene->Geometry(cRayHit.hit.geomID).iPrimitiveIndexOffset;
+                cInner.fRayTmax = fHitDistance;
+                cInner.pSbtData = cHitGroup.pData;
+                cHitGroup.fnClosestHit();
+            }
+        }
+        else if (iMissSbtIndex >= cLaunch.aMisses.size() || !cLaunch.aMisses[iMissSbtIndex].bValid)
+        {
+            cLaunch.Fail(cudaErrorLaunchFailure,
+                         "optixTrace: no valid miss record at index " + std::to_string(iMissSbtIndex));
+        }
+        else if (const MissEntry& cMiss = cLaunch.aMisses[iMissSbtIndex]; cMiss.fnMiss)
+        {
+            cInner.fRayTmax = fTmax;
+            cInner.pSbtData = cMiss.pData;
+            cMiss.fnMiss();
+        }
+    }
+    t_pProgramState = pOuter;
+}
+} // namespace OptixHost
