@@ -5,6 +5,7 @@
 #include "EmbreeBaseline.h"
 #include "Flavour.h"
 #include "PeakMemory.h"
+#include "Pictures.h"
 #include "ToolError.h"
 #include "TraceRunner.h"
 
@@ -45,8 +46,13 @@ std::uint64_t Disagreements(TraceMode eMode, const TraceResults& cOurs, const Tr
     std::uint64_t nDiffer = 0;
     if (IsCounting(eMode))
     {
-        for (std::size_t i = 0; i < cOurs.aCounts.size(); ++i)
-            nDiffer += cOurs.aCounts[i] != cEmbree.aCounts[i];
+        // Offsets accumulate, so all-hits answers are compared by their per-ray counts.
+        const bool bOffsets = eMode == TraceMode::All;
+        const std::vector<std::uint64_t> aOurs = bOffsets ? CountsFromOffsets(cOurs.aCounts) : cOurs.aCounts;
+        const std::vector<std::uint64_t> aEmbree =
+            bOffsets ? CountsFromOffsets(cEmbree.aCounts) : cEmbree.aCounts;
+        for (std::size_t i = 0; i < aOurs.size(); ++i)
+            nDiffer += aOurs[i] != aEmbree[i];
         return nDiffer;
     }
     for (std::size_t i = 0; i < cOurs.aNearestDistance.size(); ++i)

@@ -113,7 +113,8 @@ ReferenceTracer::ReferenceTracer(const float* pTriangles, std::uint64_t nTriangl
     }
 }
 
-RayReference ReferenceTracer::Trace(const float* pOrigin, const float* pDirection, float fMaxDistanceOfRay) const
+RayReference ReferenceTracer::Trace(const float* pOrigin, const float* pDirection,
+                                    float fMaxDistanceOfRay) const
 {
     RayReference cResult;
     if (!(fMaxDistanceOfRay > 0.0f))
@@ -161,7 +162,7 @@ RayReference ReferenceTracer::Trace(const float* pOrigin, const float* pDirectio
         for (int iCorner = 0; iCorner < 3; ++iCorner)
         {
             const double fEpsilon = tri.aAltitudes[iCorner] > 0.0 ? fTolInPlane / tri.aAltitudes[iCorner]
-                                                                    : std::numeric_limits<double>::infinity();
+                                                                  : std::numeric_limits<double>::infinity();
             if (aWeights[iCorner] < -fEpsilon)
             {
                 bOutside = true;
@@ -185,9 +186,11 @@ RayReference ReferenceTracer::Trace(const float* pOrigin, const float* pDirectio
         }
     }
 
-    std::sort(cResult.aHits.begin(), cResult.aHits.end(), [](const ReferenceHit& a, const ReferenceHit& b) {
-        return a.fDistance < b.fDistance || (a.fDistance == b.fDistance && a.iTriangle < b.iTriangle);
-    });
+    std::sort(cResult.aHits.begin(), cResult.aHits.end(),
+              [](const ReferenceHit& a, const ReferenceHit& b) {
+                  return a.fDistance < b.fDistance ||
+                         (a.fDistance == b.fDistance && a.iTriangle < b.iTriangle);
+              });
     const std::size_t nHits = cResult.aHits.size();
     if (nHits >= 2 && (NearlyTied(cResult.aHits[0], cResult.aHits[1]) ||
                        NearlyTied(cResult.aHits[nHits - 2], cResult.aHits[nHits - 1])))
@@ -202,13 +205,14 @@ std::vector<RayReference> ReferenceTracer::TraceAll(const RaySet& cRays, bool bO
 {
     const std::uint64_t nRays = cRays.Count();
     std::vector<RayReference> aResults(nRays);
-    auto TraceRange = [&](std::uint64_t iBegin, std::uint64_t iEnd) {
+    auto TraceRange = [&](std::uint64_t iBegin, std::uint64_t iEnd)
+    {
         for (std::uint64_t i = iBegin; i < iEnd; ++i)
         {
             const float fMax =
                 EffectiveMaxDistance(fMaxDistance, bDistances ? cRays.aDistances.data() + i : nullptr);
-            aResults[i] =
-                Trace(bOrigins ? cRays.aOrigins.data() + 3 * i : nullptr, cRays.aDirections.data() + 3 * i, fMax);
+            aResults[i] = Trace(bOrigins ? cRays.aOrigins.data() + 3 * i : nullptr,
+                                cRays.aDirections.data() + 3 * i, fMax);
         }
     };
     const std::uint64_t nThreads = std::max(1u, std::thread::hardware_concurrency());

@@ -14,7 +14,7 @@ namespace TestReference
 {
 struct ReferenceHit
 {
-    double fDistance = 0.0;  // ray parameter t (not normalised by the direction's length)
+    double fDistance = 0.0; // ray parameter t (not normalised by the direction's length)
     std::int32_t iTriangle = -1;
     double fTolerance = 0.0; // how far a single-precision t may stray from fDistance
 };

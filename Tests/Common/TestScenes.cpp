@@ -82,13 +82,14 @@ TriangleSoup MakeRandomSoup(std::uint64_t nTriangles, std::uint32_t uSeed, float
 TriangleSoup MakeIcosphere(unsigned nSubdivisions, float fRadius)
 {
     const float t = (1.0f + std::sqrt(5.0f)) / 2.0f;
-    std::vector<Vec3> aPoints = {{-1, t, 0}, {1, t, 0}, {-1, -t, 0}, {1, -t, 0}, {0, -1, t}, {0, 1, t},
-                                 {0, -1, -t}, {0, 1, -t}, {t, 0, -1}, {t, 0, 1}, {-t, 0, -1}, {-t, 0, 1}};
+    std::vector<Vec3> aPoints = {{-1, t, 0},  {1, t, 0},  {-1, -t, 0}, {1, -t, 0}, {0, -1, t},  {0, 1, t},
+                                 {0, -1, -t}, {0, 1, -t}, {t, 0, -1},  {t, 0, 1},  {-t, 0, -1}, {-t, 0, 1}};
     std::vector<std::array<std::uint32_t, 3>> aFaces = {
-        {0, 11, 5}, {0, 5, 1},  {0, 1, 7},   {0, 7, 10}, {0, 10, 11}, {1, 5, 9}, {5, 11, 4},
+        {0, 11, 5},  {0, 5, 1},  {0, 1, 7},  {0, 7, 10}, {0, 10, 11}, {1, 5, 9}, {5, 11, 4},
         {11, 10, 2}, {10, 7, 6}, {7, 1, 8},  {3, 9, 4},  {3, 4, 2},   {3, 2, 6}, {3, 6, 8},
-        {3, 8, 9},  {4, 9, 5},  {2, 4, 11},  {6, 2, 10}, {8, 6, 7},   {9, 8, 1}};
-    auto Normalise = [](Vec3 v) {
+        {3, 8, 9},   {4, 9, 5},  {2, 4, 11}, {6, 2, 10}, {8, 6, 7},   {9, 8, 1}};
+    auto Normalise = [](Vec3 v)
+    {
         const float fLength = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
         return Vec3{v[0] / fLength, v[1] / fLength, v[2] / fLength};
     };
@@ -100,7 +101,8 @@ TriangleSoup MakeIcosphere(unsigned nSubdivisions, float fRadius)
     {
         // Shared midpoints keep the mesh watertight: neighbouring faces use bit-identical vertices.
         std::map<std::pair<std::uint32_t, std::uint32_t>, std::uint32_t> aMidpoints;
-        auto Midpoint = [&](std::uint32_t a, std::uint32_t b) {
+        auto Midpoint = [&](std::uint32_t a, std::uint32_t b)
+        {
             const std::pair<std::uint32_t, std::uint32_t> cKey(std::min(a, b), std::max(a, b));
             const auto it = aMidpoints.find(cKey);
             if (it != aMidpoints.end())
@@ -184,8 +186,8 @@ RaySet MakeRaysOutside(std::uint64_t nRays, std::uint32_t uSeed, float fOriginRa
         const Vec3 vTarget = RandomPointInBall(cRandom, fTargetRadius);
         Vec3 vDirection{vTarget[0] - vOrigin[0], vTarget[1] - vOrigin[1], vTarget[2] - vOrigin[2]};
         const float fScale =
-            cLength(cRandom) /
-            std::sqrt(vDirection[0] * vDirection[0] + vDirection[1] * vDirection[1] + vDirection[2] * vDirection[2]);
+            cLength(cRandom) / std::sqrt(vDirection[0] * vDirection[0] + vDirection[1] * vDirection[1] +
+                                         vDirection[2] * vDirection[2]);
         PushRay(cRays, vOrigin, {vDirection[0] * fScale, vDirection[1] * fScale, vDirection[2] * fScale});
     }
     return cRays;

@@ -42,6 +42,7 @@ RaySet MakeRaysInside(std::uint64_t nRays, std::uint32_t uSeed, float fRadius);
 // directions of length 0.5 to 2.
 RaySet MakeRaysOutside(std::uint64_t nRays, std::uint32_t uSeed, float fOriginRadius, float fTargetRadius);
 
-// Per-ray maximum distances: mostly uniform in [0, fUpTo], with 0, negative, NaN and infinite values mixed in.
+// Per-ray maximum distances: mostly uniform in [0, fUpTo], with 0, negative, NaN and infinite values mixed
+// in.
 void SetRandomDistances(RaySet& cRays, std::uint32_t uSeed, float fUpTo);
 } // namespace TestReference

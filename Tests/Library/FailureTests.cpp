@@ -30,15 +30,15 @@ std::string RegexEscape(const std::string& s)
 // "CUDA call (<call> ) failed with error: '<text>' (<file>:<line>)\n"
 std::regex CudaMessage(const std::string& sCall, const std::string& sErrorText)
 {
-    return std::regex("CUDA call \\(" + RegexEscape(sCall) + " \\) failed with error: '" + RegexEscape(sErrorText) +
-                      "' \\([^\n]+:[0-9]+\\)\n");
+    return std::regex("CUDA call \\(" + RegexEscape(sCall) + " \\) failed with error: '" +
+                      RegexEscape(sErrorText) + "' \\([^\n]+:[0-9]+\\)\n");
 }
 
 // The message of an OptiX step that returns its failure.
 std::regex ReturnedOptixMessage(const std::string& sCall, const std::string& sName)
 {
-    return std::regex("Optix call \"" + RegexEscape(sCall) + "\" failed\\.\nError Name: " + RegexEscape(sName) +
-                      "\nDescription: [^\n]+\n");
+    return std::regex("Optix call \"" + RegexEscape(sCall) +
+                      "\" failed\\.\nError Name: " + RegexEscape(sName) + "\nDescription: [^\n]+\n");
 }
 
 // The message of an OptiX compile or link step, which quotes its log instead of the error's name.
@@ -53,11 +53,13 @@ const std::string c_sMallocAsyncCall = "cudaMallocAsync(reinterpret_cast<void**>
 const std::string c_sMallocCall = "cudaMalloc(reinterpret_cast<void**>(&m_pDevicePtr), n * sizeof(T))";
 // clang-format on
 
-// A small scene that takes one chunk and one batch, with origins and per-ray distances so that every upload runs.
+// A small scene that takes one chunk and one batch, with origins and per-ray distances so that every upload
+// runs.
 struct SmallScene
 {
     TriangleSoup cSoup = TestReference::MakeRandomSoup(24, 21);
-    RaySet cRays = [] {
+    RaySet cRays = []
+    {
         RaySet c = TestReference::MakeRaysInside(48, 22, 1.0f);
         TestReference::SetRandomDistances(c, 23, 3.0f);
         return c;
@@ -192,35 +194,38 @@ TEST_F(FailureTest, FailuresAlongTheCallGiveTheirCodeAndMessage)
         RayTracingErrorType eResult;
         std::regex cMessage;
     };
-    auto Fault = [](const char* sFunction, std::uint64_t nCall, int iCode) {
-        return [=](TraceRequest&) { RayTracingCpu::InjectFault(sFunction, nCall, iCode); };
-    };
+    auto Fault = [](const char* sFunction, std::uint64_t nCall, int iCode)
+    { return [=](TraceRequest&) { RayTracingCpu::InjectFault(sFunction, nCall, iCode); }; };
     const std::string sLaunchFailure = "OPTIX_ERROR_LAUNCH_FAILURE";
     std::vector<Case> aCases = {
-        {"launch, nearest index", TraceMode::NearestIndex, Fault("optixLaunch", 1, c_iOptixLaunchFailure), Failure,
-         ReturnedOptixMessage("optixLaunch2", sLaunchFailure)},
-        {"launch, both indices", TraceMode::BothIndices, Fault("optixLaunch", 1, c_iOptixLaunchFailure), Failure,
-         ReturnedOptixMessage("optixLaunch4", sLaunchFailure)},
-        {"launch, nearest distance", TraceMode::NearestDistance, Fault("optixLaunch", 1, c_iOptixLaunchFailure),
-         Failure, ReturnedOptixMessage("optixLaunchDistance1", sLaunchFailure)},
+        {"launch, nearest index", TraceMode::NearestIndex, Fault("optixLaunch", 1, c_iOptixLaunchFailure),
+         Failure, ReturnedOptixMessage("optixLaunch2", sLaunchFailure)},
+        {"launch, both indices", TraceMode::BothIndices, Fault("optixLaunch", 1, c_iOptixLaunchFailure),
+         Failure, ReturnedOptixMessage("optixLaunch4", sLaunchFailure)},
+        {"launch, nearest distance", TraceMode::NearestDistance,
+         Fault("optixLaunch", 1, c_iOptixLaunchFailure), Failure,
+         ReturnedOptixMessage("optixLaunchDistance1", sLaunchFailure)},
         {"launch, both distances", TraceMode::BothDistances, Fault("optixLaunch", 1, c_iOptixLaunchFailure),
          Failure, ReturnedOptixMessage("optixLaunchDistance2", sLaunchFailure)},
         {"launch, counting", TraceMode::HitCount, Fault("optixLaunch", 1, c_iOptixLaunchFailure), Failure,
          ReturnedOptixMessage("optixLaunchCountHits2", sLaunchFailure)},
-        {"launch, collecting run", TraceMode::AllHits, Fault("optixLaunch", 2, c_iOptixLaunchFailure), Failure,
-         ReturnedOptixMessage("optixLaunchAllHits2", sLaunchFailure)},
+        {"launch, collecting run", TraceMode::AllHits, Fault("optixLaunch", 2, c_iOptixLaunchFailure),
+         Failure, ReturnedOptixMessage("optixLaunchAllHits2", sLaunchFailure)},
         {"record header", TraceMode::BothIndices, Fault("optixSbtRecordPackHeader", 1, c_iOptixInvalidValue),
          Failure, ReturnedOptixMessage("optixSbtRecordPackHeader", "OPTIX_ERROR_INVALID_VALUE")},
-        {"acceleration structure build", TraceMode::HitCount, Fault("optixAccelBuild", 1, c_iOptixInvalidValue),
-         Failure, ReturnedOptixMessage("optixAccelBuild", "OPTIX_ERROR_INVALID_VALUE")},
-        {"context", TraceMode::NearestIndex, Fault("optixDeviceContextCreate", 1, c_iOptixInvalidValue), Failure,
-         ReturnedOptixMessage("optixDeviceContextCreate", "OPTIX_ERROR_INVALID_VALUE")},
+        {"acceleration structure build", TraceMode::HitCount,
+         Fault("optixAccelBuild", 1, c_iOptixInvalidValue), Failure,
+         ReturnedOptixMessage("optixAccelBuild", "OPTIX_ERROR_INVALID_VALUE")},
+        {"context", TraceMode::NearestIndex, Fault("optixDeviceContextCreate", 1, c_iOptixInvalidValue),
+         Failure, ReturnedOptixMessage("optixDeviceContextCreate", "OPTIX_ERROR_INVALID_VALUE")},
         {"context with diagnostics", TraceMode::NearestIndex,
-         [](TraceRequest& r) {
+         [](TraceRequest& r)
+         {
              r.bDiagnostics = true;
              RayTracingCpu::InjectFault("optixDeviceContextCreate", 1, c_iOptixInvalidValue);
          },
-         Failure, ReturnedOptixMessage("optixDeviceContextCreateWithDiagnostics", "OPTIX_ERROR_INVALID_VALUE")},
+         Failure,
+         ReturnedOptixMessage("optixDeviceContextCreateWithDiagnostics", "OPTIX_ERROR_INVALID_VALUE")},
         {"module compile", TraceMode::AllHits, Fault("optixModuleCreate", 1, c_iOptixInvalidInput), Failure,
          LoggedOptixMessage(c_sModuleCreateCall)},
         {"pipeline release after a successful run", TraceMode::BothDistances,
@@ -230,19 +235,22 @@ TEST_F(FailureTest, FailuresAlongTheCallGiveTheirCodeAndMessage)
          Fault("optixDeviceContextDestroy", 1, c_iOptixInvalidValue), Failure,
          ReturnedOptixMessage("optixDeviceContextDestroy(context)", "OPTIX_ERROR_INVALID_VALUE")},
         {"two releases fail: the first released is reported", TraceMode::NearestIndex,
-         [](TraceRequest&) {
+         [](TraceRequest&)
+         {
              RayTracingCpu::InjectFault("optixModuleDestroy", 1, c_iOptixInvalidValue);
              RayTracingCpu::InjectFault("optixPipelineDestroy", 1, c_iOptixInvalidValue);
          },
          Failure, ReturnedOptixMessage("optixPipelineDestroy(pipeline)", "OPTIX_ERROR_INVALID_VALUE")},
         {"a release failing after a launch failure keeps the launch failure", TraceMode::BothIndices,
-         [](TraceRequest&) {
+         [](TraceRequest&)
+         {
              RayTracingCpu::InjectFault("optixLaunch", 1, c_iOptixLaunchFailure);
              RayTracingCpu::InjectFault("optixPipelineDestroy", 1, c_iOptixInvalidValue);
          },
          Failure, ReturnedOptixMessage("optixLaunch4", sLaunchFailure)},
         {"stream-ordered allocation", TraceMode::NearestIndex,
-         Fault("cudaMallocAsync", 1, c_iCudaOutOfMemory), Failure, CudaMessage(c_sMallocAsyncCall, "out of memory")},
+         Fault("cudaMallocAsync", 1, c_iCudaOutOfMemory), Failure,
+         CudaMessage(c_sMallocAsyncCall, "out of memory")},
     };
     for (const Case& cCase : aCases)
     {
@@ -267,8 +275,8 @@ TEST_F(FailureTest, ReleaseFailureAfterTheCountingRunStopsBeforeCollecting)
     RayTracingCpu::InjectFault("optixPipelineDestroy", 1, c_iOptixInvalidValue);
     const TraceOutcome c = RunTrace(TraceMode::AllHits, m_cScene.Request());
     EXPECT_EQ(c.eResult, Failure);
-    EXPECT_TRUE(std::regex_match(c.sError, ReturnedOptixMessage("optixPipelineDestroy(pipeline)",
-                                                                "OPTIX_ERROR_INVALID_VALUE")))
+    EXPECT_TRUE(std::regex_match(
+        c.sError, ReturnedOptixMessage("optixPipelineDestroy(pipeline)", "OPTIX_ERROR_INVALID_VALUE")))
         << c.sError;
     EXPECT_EQ(RayTracingCpu::CallCount("optixModuleCreate"), 1u) << "the collecting run must not start";
     EXPECT_EQ(RayTracingCpu::CallCount("optixLaunch"), 1u);
@@ -332,6 +340,7 @@ TEST_P(FaultSweepTest, EveryFailingCallEndsCleanly)
     }
 
     std::set<std::string> aQuotedCalls;
+    std::uint64_t nInjected = 0;
     for (std::size_t iFunction = 0; iFunction < std::size(aFunctions); ++iFunction)
     {
         const Function& f = aFunctions[iFunction];
@@ -340,6 +349,7 @@ TEST_P(FaultSweepTest, EveryFailingCallEndsCleanly)
             SCOPED_TRACE(std::string(f.sName) + " call " + std::to_string(nCall));
             RayTracingCpu::ClearFaults();
             RayTracingCpu::InjectFault(f.sName, nCall, f.iCode);
+            ++nInjected;
             const std::uint64_t nBytesBefore = RayTracingCpu::LiveDeviceBytes();
             const std::uint64_t nObjectsBefore = RayTracingCpu::LiveOptixObjects();
             TraceOutcome c;
@@ -380,6 +390,8 @@ TEST_P(FaultSweepTest, EveryFailingCallEndsCleanly)
             }
         }
     }
+
+    RecordProperty("injected failures", std::to_string(nInjected));
 
     // clang-format off
     std::vector<std::string> aExpectedCalls = {
@@ -444,7 +456,8 @@ TEST_P(FaultSweepTest, EveryFailingCallEndsCleanly)
 INSTANTIATE_TEST_SUITE_P(Library, FaultSweepTest,
                          ::testing::Combine(::testing::Values(TraceMode::BothIndices, TraceMode::AllHits),
                                             ::testing::Bool()),
-                         [](const auto& cInfo) {
+                         [](const auto& cInfo)
+                         {
                              return std::string(TraceModeName(std::get<0>(cInfo.param))) +
                                     (std::get<1>(cInfo.param) ? "_Pools" : "_NoPools");
                          });

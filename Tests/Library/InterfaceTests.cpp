@@ -31,7 +31,8 @@ struct ResultArrays
     {
         ResultArrays cFresh;
         return aCountHits == cFresh.aCountHits && aFirstIndex == cFresh.aFirstIndex &&
-               aLastIndex == cFresh.aLastIndex && aFirstHit == cFresh.aFirstHit && aLastHit == cFresh.aLastHit;
+               aLastIndex == cFresh.aLastIndex && aFirstHit == cFresh.aFirstHit &&
+               aLastHit == cFresh.aLastHit;
     }
 };
 
@@ -56,8 +57,8 @@ protected:
         m_sError = "stale error";
         cResults.cAllHits.assign(5, c_fCollectedCanary);
         const RayTracingErrorType eResult =
-            RayTracing(cResults, a.nTriangles, a.pTriangles, a.nRays, nullptr, a.pDirection, nullptr, 0, m_sLog,
-                       m_sError, false, a.fMaxDistance, 0);
+            RayTracing(cResults, a.nTriangles, a.pTriangles, a.nRays, nullptr, a.pDirection, nullptr, 0,
+                       m_sLog, m_sError, false, a.fMaxDistance, 0);
         EXPECT_TRUE(cResults.cAllHits.empty()) << "cAllHits must be emptied by every call";
         return eResult;
     }
@@ -76,11 +77,13 @@ TEST_F(InterfaceTest, ZeroRaysTouchNothingWhateverElseIsWrong)
     const std::function<void(Results&, ResultArrays&)> aRequests[] = {
         [](Results&, ResultArrays&) {},
         [](Results& r, ResultArrays&) { r.bCollectAllHits = true; },
-        [](Results& r, ResultArrays& a) {
+        [](Results& r, ResultArrays& a)
+        {
             r.pCountHits = a.aCountHits.data();
             r.bCollectAllHits = true;
         },
-        [](Results& r, ResultArrays& a) {
+        [](Results& r, ResultArrays& a)
+        {
             r.pFirstHit = a.aFirstHit.data();
             r.pLastHit = a.aLastHit.data();
             r.pFirstIndex = a.aFirstIndex.data();
@@ -112,12 +115,14 @@ TEST_F(InterfaceTest, InvalidRequestsFailBeforeAnyPlatformCall)
     };
     const Case aCases[] = {
         {"collecting without counts",
-         [](Results& r, ResultArrays& a, CallArguments&) {
+         [](Results& r, ResultArrays& a, CallArguments&)
+         {
              r.bCollectAllHits = true;
              r.pFirstHit = a.aFirstHit.data();
          }},
         {"collecting without counts, no triangles",
-         [](Results& r, ResultArrays& a, CallArguments& c) {
+         [](Results& r, ResultArrays& a, CallArguments& c)
+         {
              r.bCollectAllHits = true;
              r.pFirstHit = a.aFirstHit.data();
              c.nTriangles = 0;
@@ -128,29 +133,34 @@ TEST_F(InterfaceTest, InvalidRequestsFailBeforeAnyPlatformCall)
         {"farthest without nearest distance",
          [](Results& r, ResultArrays& a, CallArguments&) { r.pLastHit = a.aLastHit.data(); }},
         {"nearest without directions",
-         [](Results& r, ResultArrays& a, CallArguments& c) {
+         [](Results& r, ResultArrays& a, CallArguments& c)
+         {
              r.pFirstHit = a.aFirstHit.data();
              c.pDirection = nullptr;
          }},
         {"nearest without directions, no triangles",
-         [](Results& r, ResultArrays& a, CallArguments& c) {
+         [](Results& r, ResultArrays& a, CallArguments& c)
+         {
              r.pFirstHit = a.aFirstHit.data();
              c.pDirection = nullptr;
              c.nTriangles = 0;
          }},
         {"counting without directions",
-         [](Results& r, ResultArrays& a, CallArguments& c) {
+         [](Results& r, ResultArrays& a, CallArguments& c)
+         {
              r.pCountHits = a.aCountHits.data();
              c.pDirection = nullptr;
          }},
         {"farthest with nearest index but no farthest index",
-         [](Results& r, ResultArrays& a, CallArguments&) {
+         [](Results& r, ResultArrays& a, CallArguments&)
+         {
              r.pFirstHit = a.aFirstHit.data();
              r.pLastHit = a.aLastHit.data();
              r.pFirstIndex = a.aFirstIndex.data();
          }},
         {"farthest with farthest index but no nearest index, no triangles",
-         [](Results& r, ResultArrays& a, CallArguments& c) {
+         [](Results& r, ResultArrays& a, CallArguments& c)
+         {
              r.pFirstHit = a.aFirstHit.data();
              r.pLastHit = a.aLastHit.data();
              r.pLastIndex = a.aLastIndex.data();

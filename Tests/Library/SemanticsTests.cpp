@@ -30,6 +30,11 @@ struct SemanticCase
     bool bSomeRaysHit; // guards against a case that silently checks nothing
 };
 
+void PrintTo(const SemanticCase& cCase, std::ostream* pStream)
+{
+    *pStream << cCase.sName;
+}
+
 TriangleSoup Soup()
 {
     return TestReference::MakeRandomSoup(600, 1);
@@ -87,8 +92,8 @@ const SemanticCase c_aSemanticCases[] = {
 };
 
 // Runs the request and checks it against the reference; at most 3 % of rays may be too close to call.
-void ExpectMatchesReference(TraceMode eMode, const TraceRequest& cRequest, const std::vector<RayReference>& aRefs,
-                            bool bSomeRaysHit)
+void ExpectMatchesReference(TraceMode eMode, const TraceRequest& cRequest,
+                            const std::vector<RayReference>& aRefs, bool bSomeRaysHit)
 {
     const TraceOutcome c = RunTrace(eMode, cRequest);
     ReferenceCheckSummary cSummary;
@@ -149,10 +154,12 @@ class ChunkedTest : public StandInTest, public ::testing::WithParamInterface<std
 TEST_P(ChunkedTest, ChunksMergeIntoTheWholeMeshsAnswer)
 {
     const auto [eMode, bDefer] = GetParam();
-    Configure([&](RayTracingCpu::DeviceConfig& c) {
-        c.nMaxPrimitivesPerGas = 1000;
-        c.bDeferStreams = bDefer;
-    });
+    Configure(
+        [&](RayTracingCpu::DeviceConfig& c)
+        {
+            c.nMaxPrimitivesPerGas = 1000;
+            c.bDeferStreams = bDefer;
+        });
     const TriangleSoup cSoup = TestReference::MakeRandomSoup(2500, 31, 1.0f, 0.15f);
     const RaySet cRays = WithDistances(TestReference::MakeRaysInside(1500, 32, 1.2f), 3.0f);
     TraceRequest cRequest(cSoup, cRays);
@@ -240,7 +247,8 @@ RaySet Repeat(const RaySet& cPattern, std::uint64_t nRays)
                              cPattern.aDirections.begin() + 3 * n);
         if (!cPattern.aDistances.empty())
         {
-            c.aDistances.insert(c.aDistances.end(), cPattern.aDistances.begin(), cPattern.aDistances.begin() + n);
+            c.aDistances.insert(c.aDistances.end(), cPattern.aDistances.begin(),
+                                cPattern.aDistances.begin() + n);
         }
     }
     return c;
@@ -257,11 +265,13 @@ double SecondsSince(std::chrono::steady_clock::time_point t)
 // minimum give two batches for 7.5 million rays; two chunks on top make every batch merge.
 TEST_F(TraceDriverTest, RayBatchesAndChunksTogetherGiveTheSameAnswers)
 {
-    Configure([](RayTracingCpu::DeviceConfig& c) {
-        c.nMaxPrimitivesPerGas = 1000;
-        c.nMultiprocessors = 1;
-        c.nThreadsPerMultiprocessor = 32;
-    });
+    Configure(
+        [](RayTracingCpu::DeviceConfig& c)
+        {
+            c.nMaxPrimitivesPerGas = 1000;
+            c.nMultiprocessors = 1;
+            c.nThreadsPerMultiprocessor = 32;
+        });
     const TriangleSoup cSoup = TestReference::MakeRandomSoup(1500, 61, 1.0f, 0.15f);
     RaySet cPattern = WithDistances(TestReference::MakeRaysInside(10007, 62, 1.2f), 3.0f);
     for (std::size_t i = 0; i < cPattern.aDistances.size(); ++i)
@@ -286,14 +296,16 @@ TEST_F(TraceDriverTest, RayBatchesAndChunksTogetherGiveTheSameAnswers)
     ExpectNothingLeaked();
 }
 
-// The collecting run cuts batches by hits: 128 planes in the path of every ray make 12 bytes per hit (sorted on
-// the device) outweigh the rays, so 2^18 rays that fit one counting batch need two collecting batches.
+// The collecting run cuts batches by hits: 128 planes in the path of every ray make 12 bytes per hit (sorted
+// on the device) outweigh the rays, so 2^18 rays that fit one counting batch need two collecting batches.
 TEST_F(TraceDriverTest, CollectingRunSplitByHitsGivesTheSameAnswers)
 {
-    Configure([](RayTracingCpu::DeviceConfig& c) {
-        c.nMultiprocessors = 1;
-        c.nThreadsPerMultiprocessor = 32;
-    });
+    Configure(
+        [](RayTracingCpu::DeviceConfig& c)
+        {
+            c.nMultiprocessors = 1;
+            c.nThreadsPerMultiprocessor = 32;
+        });
     const TriangleSoup cPlanes = TestReference::MakeParallelPlanes(128, 1.0f);
     RaySet cPattern = TestReference::MakeRaysInside(4099, 71, 0.9f);
     for (std::size_t i = 0; i < cPattern.Count(); ++i)
@@ -318,7 +330,8 @@ TEST_F(TraceDriverTest, CollectingRunSplitByHitsGivesTheSameAnswers)
     RayTracingCpu::ResetCallCounts();
     const TraceOutcome c = RunTrace(TraceMode::AllHits, cRequest);
     RecordProperty("seconds", std::to_string(SecondsSince(tStart)));
-    EXPECT_EQ(RayTracingCpu::CallCount("optixLaunch"), 1u + 2u) << "expected 1 counting and 2 collecting batches";
+    EXPECT_EQ(RayTracingCpu::CallCount("optixLaunch"), 1u + 2u)
+        << "expected 1 counting and 2 collecting batches";
     ReferenceCheckSummary cSummary;
     EXPECT_TRUE(MatchesReference(TraceMode::AllHits, c, aRefs, c_fInf, &cSummary));
     EXPECT_EQ(cSummary.nAmbiguous, 0u);

@@ -81,7 +81,8 @@ TEST_F(AccelTest, RefusesInputsItCannotBuild)
     const CUdeviceptr pOut = reinterpret_cast<CUdeviceptr>(pOutput);
     const CUdeviceptr pTmp = reinterpret_cast<CUdeviceptr>(pTemp);
     OptixTraversableHandle hTraversable = 0;
-    auto build = [&](CUdeviceptr pTo, size_t nOutputSize) {
+    auto build = [&](CUdeviceptr pTo, size_t nOutputSize)
+    {
         return Optix().optixAccelBuild(m_cContext.Get(), nullptr, &m_cOptions, &m_cInput, 1, pTmp,
                                        cSizes.tempSizeInBytes, pTo, nOutputSize, &hTraversable, nullptr, 0);
     };
@@ -111,7 +112,7 @@ TEST_F(AccelTest, TheBuildCopiesTheVerticesAndTheNextBuildReplacesIt)
     ASSERT_EQ(cudaStreamSynchronize(stream), cudaSuccess);
     cLaunch.hTraversable = cGas.Handle();
     ASSERT_EQ(LaunchTest(cPipeline, cLaunch, cRays, aResults, stream), cudaSuccess);
-    EXPECT_EQ(aResults[0].fClosest, 1.0f);
+    EXPECT_FLOAT_EQ(aResults[0].fClosest, 1.0f);
 
     // A new build into the same output memory replaces the structure; it keeps no reference to the vertices.
     void* pVertices = nullptr;
@@ -127,14 +128,15 @@ TEST_F(AccelTest, TheBuildCopiesTheVerticesAndTheNextBuildReplacesIt)
     OptixTraversableHandle hTraversable = 0;
     ASSERT_EQ(Optix().optixAccelBuild(m_cContext.Get(), stream, &m_cOptions, &m_cInput, 1,
                                       reinterpret_cast<CUdeviceptr>(pTemp), cSizes.tempSizeInBytes,
-                                      cLaunch.hTraversable, cSizes.outputSizeInBytes, &hTraversable, nullptr, 0),
+                                      cLaunch.hTraversable, cSizes.outputSizeInBytes, &hTraversable, nullptr,
+                                      0),
               OPTIX_SUCCESS);
     ASSERT_EQ(cudaStreamSynchronize(stream), cudaSuccess);
     const float aNaN[9] = {NAN, NAN, NAN, NAN, NAN, NAN, NAN, NAN, NAN};
     ASSERT_EQ(cudaMemcpy(pVertices, aNaN, sizeof(aNaN), cudaMemcpyHostToDevice), cudaSuccess);
     EXPECT_EQ(hTraversable, cLaunch.hTraversable);
     ASSERT_EQ(LaunchTest(cPipeline, cLaunch, cRays, aResults, stream), cudaSuccess);
-    EXPECT_EQ(aResults[0].fClosest, 3.0f);
+    EXPECT_FLOAT_EQ(aResults[0].fClosest, 3.0f);
     cudaFree(pVertices);
     cudaFree(pTemp);
     cudaStreamDestroy(stream);

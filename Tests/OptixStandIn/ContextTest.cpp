@@ -75,23 +75,23 @@ TEST(Context, PrimitiveLimitIsConfigurable)
 {
     ContextOwner cContext;
     unsigned int nMax = 0;
-    ASSERT_EQ(Optix().optixDeviceContextGetProperty(cContext.Get(), OPTIX_DEVICE_PROPERTY_LIMIT_MAX_PRIMITIVES_PER_GAS,
-                                                    &nMax, sizeof(nMax)),
+    ASSERT_EQ(Optix().optixDeviceContextGetProperty(
+                  cContext.Get(), OPTIX_DEVICE_PROPERTY_LIMIT_MAX_PRIMITIVES_PER_GAS, &nMax, sizeof(nMax)),
               OPTIX_SUCCESS);
     EXPECT_EQ(nMax, 1u << 29);
     Control().SetMaxPrimitivesPerGas(1000);
-    EXPECT_EQ(Optix().optixDeviceContextGetProperty(cContext.Get(), OPTIX_DEVICE_PROPERTY_LIMIT_MAX_PRIMITIVES_PER_GAS,
-                                                    &nMax, sizeof(nMax)),
+    EXPECT_EQ(Optix().optixDeviceContextGetProperty(
+                  cContext.Get(), OPTIX_DEVICE_PROPERTY_LIMIT_MAX_PRIMITIVES_PER_GAS, &nMax, sizeof(nMax)),
               OPTIX_SUCCESS);
     EXPECT_EQ(nMax, 1000u);
     Control().SetMaxPrimitivesPerGas(1u << 29);
 
     unsigned long long nWide = 0;
-    EXPECT_EQ(Optix().optixDeviceContextGetProperty(cContext.Get(), OPTIX_DEVICE_PROPERTY_LIMIT_MAX_PRIMITIVES_PER_GAS,
-                                                    &nWide, sizeof(nWide)),
+    EXPECT_EQ(Optix().optixDeviceContextGetProperty(
+                  cContext.Get(), OPTIX_DEVICE_PROPERTY_LIMIT_MAX_PRIMITIVES_PER_GAS, &nWide, sizeof(nWide)),
               OPTIX_ERROR_INVALID_VALUE);
-    EXPECT_EQ(Optix().optixDeviceContextGetProperty(cContext.Get(), static_cast<OptixDeviceProperty>(0x1234), &nMax,
-                                                    sizeof(nMax)),
+    EXPECT_EQ(Optix().optixDeviceContextGetProperty(cContext.Get(), static_cast<OptixDeviceProperty>(0x1234),
+                                                    &nMax, sizeof(nMax)),
               OPTIX_ERROR_INVALID_VALUE);
 }
 

@@ -23,10 +23,12 @@ TEST(FunctionTable, InjectedRefusalHitsOnlyTheChosenCall)
 {
     OptixFunctionTable cTable{};
     Control().InjectFault("optixQueryFunctionTable", 2, OPTIX_ERROR_UNSUPPORTED_ABI_VERSION);
-    EXPECT_EQ(optixQueryFunctionTable(OPTIX_ABI_VERSION, 0, nullptr, nullptr, &cTable, sizeof(cTable)), OPTIX_SUCCESS);
+    EXPECT_EQ(optixQueryFunctionTable(OPTIX_ABI_VERSION, 0, nullptr, nullptr, &cTable, sizeof(cTable)),
+              OPTIX_SUCCESS);
     EXPECT_EQ(optixQueryFunctionTable(OPTIX_ABI_VERSION, 0, nullptr, nullptr, &cTable, sizeof(cTable)),
               OPTIX_ERROR_UNSUPPORTED_ABI_VERSION);
-    EXPECT_EQ(optixQueryFunctionTable(OPTIX_ABI_VERSION, 0, nullptr, nullptr, &cTable, sizeof(cTable)), OPTIX_SUCCESS);
+    EXPECT_EQ(optixQueryFunctionTable(OPTIX_ABI_VERSION, 0, nullptr, nullptr, &cTable, sizeof(cTable)),
+              OPTIX_SUCCESS);
 }
 
 TEST(FunctionTable, FillsEverySlotAndAnswersErrorTexts)

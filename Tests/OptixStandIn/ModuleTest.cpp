@@ -90,13 +90,15 @@ TEST_F(ModuleTest, TruncatesLongLogsAndReportsTheirFullLength)
 TEST_F(ModuleTest, ProgramGroupsNeedKnownEntriesOfTheirKind)
 {
     OptixModule hModule = nullptr;
-    ASSERT_EQ(CreateModule(c_sTestModuleText, std::strlen(c_sTestModuleText), TestPipelineOptions(), &hModule),
-              OPTIX_SUCCESS);
+    ASSERT_EQ(
+        CreateModule(c_sTestModuleText, std::strlen(c_sTestModuleText), TestPipelineOptions(), &hModule),
+        OPTIX_SUCCESS);
     const OptixProgramGroupOptions cGroupOptions{};
-    auto create = [&](const OptixProgramGroupDesc* aDescs, unsigned int nDescs, OptixProgramGroup* aGroups) {
+    auto create = [&](const OptixProgramGroupDesc* aDescs, unsigned int nDescs, OptixProgramGroup* aGroups)
+    {
         m_nLogSize = sizeof(m_aLog);
-        return Optix().optixProgramGroupCreate(m_cContext.Get(), aDescs, nDescs, &cGroupOptions, m_aLog, &m_nLogSize,
-                                               aGroups);
+        return Optix().optixProgramGroupCreate(m_cContext.Get(), aDescs, nDescs, &cGroupOptions, m_aLog,
+                                               &m_nLogSize, aGroups);
     };
     OptixProgramGroup aGroups[2] = {};
     OptixProgramGroupDesc aDescs[2] = {};
@@ -138,14 +140,14 @@ TEST_F(ModuleTest, PipelineChecksOptionsAndComputesStackSizes)
     const OptixPipelineLinkOptions cLink{2};
     OptixPipeline hPipeline = nullptr;
     m_nLogSize = sizeof(m_aLog);
-    EXPECT_EQ(Optix().optixPipelineCreate(m_cContext.Get(), &cOptions, &cLink, aGroups, 3, m_aLog, &m_nLogSize,
-                                          &hPipeline),
+    EXPECT_EQ(Optix().optixPipelineCreate(m_cContext.Get(), &cOptions, &cLink, aGroups, 3, m_aLog,
+                                          &m_nLogSize, &hPipeline),
               OPTIX_ERROR_INVALID_VALUE);
     EXPECT_NE(Log().find("other pipeline compile options"), std::string::npos) << Log();
     const OptixPipelineLinkOptions cTooDeep{32};
     cOptions = TestPipelineOptions();
-    EXPECT_EQ(Optix().optixPipelineCreate(m_cContext.Get(), &cOptions, &cTooDeep, aGroups, 3, nullptr, nullptr,
-                                          &hPipeline),
+    EXPECT_EQ(Optix().optixPipelineCreate(m_cContext.Get(), &cOptions, &cTooDeep, aGroups, 3, nullptr,
+                                          nullptr, &hPipeline),
               OPTIX_ERROR_INVALID_VALUE);
 
     g_optixFunctionTable = Optix();
@@ -162,6 +164,7 @@ TEST_F(ModuleTest, PipelineChecksOptionsAndComputesStackSizes)
     EXPECT_GT(cSizes.cssRG, 0u);
     EXPECT_EQ(optixUtilAccumulateStackSizes(nullptr, &cSizes, cPipeline.Get()), OPTIX_ERROR_INVALID_VALUE);
     EXPECT_EQ(Optix().optixPipelineSetStackSize(cPipeline.Get(), 0, 0, nContinuation, 1), OPTIX_SUCCESS);
-    EXPECT_EQ(Optix().optixPipelineSetStackSize(cPipeline.Get(), 0, 0, nContinuation, 0), OPTIX_ERROR_INVALID_VALUE);
+    EXPECT_EQ(Optix().optixPipelineSetStackSize(cPipeline.Get(), 0, 0, nContinuation, 0),
+              OPTIX_ERROR_INVALID_VALUE);
 }
 } // namespace

@@ -33,7 +33,8 @@ struct alignas(OPTIX_SBT_RECORD_ALIGNMENT) TestRecord
 
 const OptixFunctionTable& Optix()
 {
-    static const OptixFunctionTable s_cTable = []() {
+    static const OptixFunctionTable s_cTable = []()
+    {
         OptixFunctionTable cTable{};
         Check(optixQueryFunctionTable(OPTIX_ABI_VERSION, 0, nullptr, nullptr, &cTable, sizeof(cTable)),
               "optixQueryFunctionTable");
@@ -42,7 +43,10 @@ const OptixFunctionTable& Optix()
     return s_cTable;
 }
 
-const OptixStandInControl& Control() { return *RayTracingCpuOptixControl(); }
+const OptixStandInControl& Control()
+{
+    return *RayTracingCpuOptixControl();
+}
 
 OptixPipelineCompileOptions TestPipelineOptions(int nPayloadValues)
 {
@@ -59,7 +63,10 @@ ContextOwner::ContextOwner(const OptixDeviceContextOptions* pOptions)
     Check(Optix().optixDeviceContextCreate(nullptr, pOptions, &m_hContext), "optixDeviceContextCreate");
 }
 
-ContextOwner::~ContextOwner() { Optix().optixDeviceContextDestroy(m_hContext); }
+ContextOwner::~ContextOwner()
+{
+    Optix().optixDeviceContextDestroy(m_hContext);
+}
 
 TestPipeline::TestPipeline(OptixDeviceContext hContext, const Programs& cPrograms)
 {
@@ -82,7 +89,8 @@ TestPipeline::TestPipeline(OptixDeviceContext hContext, const Programs& cProgram
     Check(Optix().optixProgramGroupCreate(hContext, aDescs, 3, &cGroupOptions, nullptr, nullptr, m_aGroups),
           "optixProgramGroupCreate");
     const OptixPipelineLinkOptions cLink{2};
-    Check(Optix().optixPipelineCreate(hContext, &cOptions, &cLink, m_aGroups, 3, nullptr, nullptr, &m_hPipeline),
+    Check(Optix().optixPipelineCreate(hContext, &cOptions, &cLink, m_aGroups, 3, nullptr, nullptr,
+                                      &m_hPipeline),
           "optixPipelineCreate");
 }
 
@@ -94,8 +102,8 @@ TestPipeline::~TestPipeline()
     Optix().optixModuleDestroy(m_hModule);
 }
 
-TestGas::TestGas(OptixDeviceContext hContext, const std::vector<Triangle>& aTriangles, unsigned int uGeometryFlags,
-                 unsigned int iPrimitiveIndexOffset, cudaStream_t stream)
+TestGas::TestGas(OptixDeviceContext hContext, const std::vector<Triangle>& aTriangles,
+                 unsigned int uGeometryFlags, unsigned int iPrimitiveIndexOffset, cudaStream_t stream)
 {
     const size_t nBytes = std::max<size_t>(1, aTriangles.size()) * sizeof(Triangle);
     m_pVertices = DeviceAlloc(nBytes);
@@ -116,9 +124,10 @@ TestGas::TestGas(OptixDeviceContext hContext, const std::vector<Triangle>& aTria
           "optixAccelComputeMemoryUsage");
     m_pTemp = DeviceAlloc(cSizes.tempSizeInBytes);
     m_pOutput = DeviceAlloc(cSizes.outputSizeInBytes);
-    Check(Optix().optixAccelBuild(hContext, stream, &cOptions, &cInput, 1, reinterpret_cast<CUdeviceptr>(m_pTemp),
-                                  cSizes.tempSizeInBytes, reinterpret_cast<CUdeviceptr>(m_pOutput),
-                                  cSizes.outputSizeInBytes, &m_hTraversable, nullptr, 0),
+    Check(Optix().optixAccelBuild(hContext, stream, &cOptions, &cInput, 1,
+                                  reinterpret_cast<CUdeviceptr>(m_pTemp), cSizes.tempSizeInBytes,
+                                  reinterpret_cast<CUdeviceptr>(m_pOutput), cSizes.outputSizeInBytes,
+                                  &m_hTraversable, nullptr, 0),
           "optixAccelBuild");
 }
 
@@ -161,16 +170,20 @@ cudaError_t LaunchTest(const TestPipeline& cPipeline, TestLaunch cLaunch, const 
     return stream ? cudaStreamSynchronize(stream) : cudaSuccess;
 }
 
-std::vector<std::pair<unsigned int, double>> ReferenceHits(const std::vector<Triangle>& aTriangles, float3 origin,
-                                                           float3 direction, float fTmin, float fTmax)
+std::vector<std::pair<unsigned int, double>> ReferenceHits(const std::vector<Triangle>& aTriangles,
+                                                           float3 origin, float3 direction, float fTmin,
+                                                           float fTmax)
 {
-    auto sub = [](float3 a, float3 b) { return std::array<double, 3>{double(a.x) - b.x, double(a.y) - b.y, double(a.z) - b.z}; };
-    auto cross = [](const std::array<double, 3>& a, const std::array<double, 3>& b) {
-        return std::array<double, 3>{a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
+    auto sub = [](float3 a, float3 b) {
+        return std::array<double, 3>{double(a.x) - b.x, double(a.y) - b.y, double(a.z) - b.z};
     };
-    auto dot = [](const std::array<double, 3>& a, const std::array<double, 3>& b) {
-        return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
+    auto cross = [](const std::array<double, 3>& a, const std::array<double, 3>& b)
+    {
+        return std::array<double, 3>{a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2],
+                                     a[0] * b[1] - a[1] * b[0]};
     };
+    auto dot = [](const std::array<double, 3>& a, const std::array<double, 3>& b)
+    { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; };
     const std::array<double, 3> d{direction.x, direction.y, direction.z};
     std::vector<std::pair<unsigned int, double>> aHits;
     for (unsigned int i = 0; i < aTriangles.size(); ++i)
@@ -204,7 +217,8 @@ std::vector<Triangle> RandomTriangles(unsigned int nTriangles, unsigned int uSee
     {
         const float3 center{cPosition(cRandom), cPosition(cRandom), cPosition(cRandom)};
         auto corner = [&]() {
-            return float3{center.x + cOffset(cRandom), center.y + cOffset(cRandom), center.z + cOffset(cRandom)};
+            return float3{center.x + cOffset(cRandom), center.y + cOffset(cRandom),
+                          center.z + cOffset(cRandom)};
         };
         cTriangle = Triangle{corner(), corner(), corner()};
     }
@@ -220,8 +234,8 @@ RayBatch RandomRays(unsigned int nRays, unsigned int uSeed)
     for (unsigned int i = 0; i < nRays; ++i)
     {
         cRays.aOrigins.push_back(float3{cPosition(cRandom), cPosition(cRandom), -2.0f});
-        cRays.aDirections.push_back(
-            float3{0.3f * cDirection(cRandom), 0.3f * cDirection(cRandom), 1.0f + 0.1f * cDirection(cRandom)});
+        cRays.aDirections.push_back(float3{0.3f * cDirection(cRandom), 0.3f * cDirection(cRandom),
+                                           1.0f + 0.1f * cDirection(cRandom)});
     }
     return cRays;
 }

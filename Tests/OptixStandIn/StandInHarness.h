@@ -100,8 +100,9 @@ cudaError_t LaunchTest(const TestPipeline& cPipeline, TestLaunch cLaunch, const 
                        OptixResult* pLaunchResult = nullptr);
 
 // Every intersection of a ray with t in [fTmin, fTmax], in double precision: (triangle, t) pairs by t.
-std::vector<std::pair<unsigned int, double>> ReferenceHits(const std::vector<Triangle>& aTriangles, float3 origin,
-                                                           float3 direction, float fTmin, float fTmax);
+std::vector<std::pair<unsigned int, double>> ReferenceHits(const std::vector<Triangle>& aTriangles,
+                                                           float3 origin, float3 direction, float fTmin,
+                                                           float fTmax);
 
 std::vector<Triangle> RandomTriangles(unsigned int nTriangles, unsigned int uSeed, float fSize = 0.2f);
 RayBatch RandomRays(unsigned int nRays, unsigned int uSeed);

@@ -24,11 +24,11 @@ constexpr unsigned int c_uNoPrimitive = 0xFFFFFFFFu;
 
 struct RayResult
 {
-    unsigned int nAnyHits;   // any-hit calls (recorded up to c_nMaxRecordedHits)
-    unsigned int iClosest;   // closest-hit primitive, or c_uNoPrimitive
-    float fClosest;          // closest-hit distance
-    unsigned int bMissed;    // the miss program ran
-    float fMissTmax;         // optixGetRayTmax() in the miss program
+    unsigned int nAnyHits; // any-hit calls (recorded up to c_nMaxRecordedHits)
+    unsigned int iClosest; // closest-hit primitive, or c_uNoPrimitive
+    float fClosest;        // closest-hit distance
+    unsigned int bMissed;  // the miss program ran
+    float fMissTmax;       // optixGetRayTmax() in the miss program
     unsigned int aHits[c_nMaxRecordedHits];
     float aHitDistances[c_nMaxRecordedHits];
 };
@@ -39,7 +39,7 @@ inline const TestLaunch& TestLaunchOfRecord()
 }
 
 // Module texts as the driver sees them: only their ".visible .entry" lines matter to the stand-in.
-extern const char c_sTestModuleText[];      // module StandInTest, 3 payload values
-extern const char c_sAssertModuleText[];    // module StandInAssert, 1 payload value
-extern const char c_sUnknownModuleText[];   // entries no module registered
+extern const char c_sTestModuleText[];    // module StandInTest, 3 payload values
+extern const char c_sAssertModuleText[];  // module StandInAssert, 1 payload value
+extern const char c_sUnknownModuleText[]; // entries no module registered
 constexpr unsigned int c_nTestPayloadValues = 3;

@@ -65,7 +65,8 @@ TEST_F(TraceTest, ClosestHitMatchesBruteForce)
     unsigned int nHits = 0;
     for (size_t i = 0; i < cRays.aDirections.size(); ++i)
     {
-        const auto aReference = ReferenceHits(aTriangles, cRays.aOrigins[i], cRays.aDirections[i], 0.0f, 10.0f);
+        const auto aReference =
+            ReferenceHits(aTriangles, cRays.aOrigins[i], cRays.aDirections[i], 0.0f, 10.0f);
         const RayResult& cResult = m_aResults[i];
         EXPECT_EQ(cResult.nAnyHits, 0u) << "any hit is disabled on the geometry";
         if (aReference.empty())
@@ -88,10 +89,12 @@ TEST_F(TraceTest, IgnoringEveryCandidateVisitsEachTriangleOnce)
     const std::vector<Triangle> aTriangles = RandomTriangles(3000, 11);
     const RayBatch cRays = RandomRays(2000, 12);
     TestGas cGas(m_cContext.Get(), aTriangles, OPTIX_GEOMETRY_FLAG_REQUIRE_SINGLE_ANYHIT_CALL);
-    ASSERT_EQ(Trace(cGas, cRays, Interval(0.0f, 10.0f, OPTIX_RAY_FLAG_DISABLE_CLOSESTHIT, true)), cudaSuccess);
+    ASSERT_EQ(Trace(cGas, cRays, Interval(0.0f, 10.0f, OPTIX_RAY_FLAG_DISABLE_CLOSESTHIT, true)),
+              cudaSuccess);
     for (size_t i = 0; i < cRays.aDirections.size(); ++i)
     {
-        const auto aReference = ReferenceHits(aTriangles, cRays.aOrigins[i], cRays.aDirections[i], 0.0f, 10.0f);
+        const auto aReference =
+            ReferenceHits(aTriangles, cRays.aOrigins[i], cRays.aDirections[i], 0.0f, 10.0f);
         const RayResult& cResult = m_aResults[i];
         ASSERT_EQ(cResult.nAnyHits, aReference.size()) << "ray " << i;
         EXPECT_EQ(cResult.iClosest, c_uNoPrimitive) << "closest hit is disabled by the ray flags";
@@ -99,7 +102,8 @@ TEST_F(TraceTest, IgnoringEveryCandidateVisitsEachTriangleOnce)
         const unsigned int nRecorded = std::min(cResult.nAnyHits, c_nMaxRecordedHits);
         std::vector<unsigned int> aSeen(cResult.aHits, cResult.aHits + nRecorded);
         std::sort(aSeen.begin(), aSeen.end());
-        EXPECT_EQ(std::adjacent_find(aSeen.begin(), aSeen.end()), aSeen.end()) << "a triangle was presented twice";
+        EXPECT_EQ(std::adjacent_find(aSeen.begin(), aSeen.end()), aSeen.end())
+            << "a triangle was presented twice";
     }
 }
 
@@ -111,12 +115,14 @@ TEST_F(TraceTest, AcceptedAnyHitsEndInTheClosestHit)
     EXPECT_GE(cResult.nAnyHits, 1u);
     EXPECT_LE(cResult.nAnyHits, 5u);
     EXPECT_EQ(cResult.iClosest, 0u);
-    EXPECT_EQ(cResult.fClosest, 1.0f);
+    EXPECT_FLOAT_EQ(cResult.fClosest, 1.0f);
     for (unsigned int i = 0; i < std::min(cResult.nAnyHits, c_nMaxRecordedHits); ++i)
-        EXPECT_EQ(cResult.aHitDistances[i], static_cast<float>(cResult.aHits[i] + 1)) << "candidate distance";
+        EXPECT_FLOAT_EQ(cResult.aHitDistances[i], static_cast<float>(cResult.aHits[i] + 1))
+            << "candidate distance";
 
     // The ray flag turns the any-hit program off even where the geometry allows it.
-    ASSERT_EQ(Trace(cGas, AlongZ({{0, 0, 0}}), Interval(0.0f, 10.0f, OPTIX_RAY_FLAG_DISABLE_ANYHIT)), cudaSuccess);
+    ASSERT_EQ(Trace(cGas, AlongZ({{0, 0, 0}}), Interval(0.0f, 10.0f, OPTIX_RAY_FLAG_DISABLE_ANYHIT)),
+              cudaSuccess);
     EXPECT_EQ(m_aResults[0].nAnyHits, 0u);
     EXPECT_EQ(m_aResults[0].iClosest, 0u);
 }
@@ -124,9 +130,10 @@ TEST_F(TraceTest, AcceptedAnyHitsEndInTheClosestHit)
 TEST_F(TraceTest, IntervalIncludesBothEnds)
 {
     TestGas cGas(m_cContext.Get(), Stack(1), OPTIX_GEOMETRY_FLAG_DISABLE_ANYHIT);
-    const float fBelow = std::nextafter(1.0f, 0.0f);
-    const float fAbove = std::nextafter(1.0f, 2.0f);
     const RayBatch cRay = AlongZ({{0, 0, 0}});
+    // The traversal decides the ends on the exact distance 1 to within a float step or so.
+    const float fBelow = 1.0f - 1e-6f;
+    const float fAbove = 1.0f + 1e-6f;
     struct Case
     {
         float fTmin, fTmax;
@@ -134,15 +141,23 @@ TEST_F(TraceTest, IntervalIncludesBothEnds)
     };
     const Case aCases[] = {{0.0f, 1.0f, true},    {0.0f, fBelow, false}, {1.0f, 5.0f, true},
                            {fAbove, 5.0f, false}, {1.0f, 1.0f, true},    {2.0f, 1.5f, false},
-                           {0.0f, NAN, false}};
+                           {0.0f, NAN, false},    {NAN, 5.0f, false}};
     for (const Case& cCase : aCases)
     {
         ASSERT_EQ(Trace(cGas, cRay, Interval(cCase.fTmin, cCase.fTmax)), cudaSuccess);
-        EXPECT_EQ(m_aResults[0].iClosest == 0u, cCase.bHit) << "[" << cCase.fTmin << ", " << cCase.fTmax << "]";
+        EXPECT_EQ(m_aResults[0].iClosest == 0u, cCase.bHit)
+            << "[" << cCase.fTmin << ", " << cCase.fTmax << "]";
         EXPECT_EQ(m_aResults[0].bMissed == 1u, !cCase.bHit);
         if (!cCase.bHit && !std::isnan(cCase.fTmax))
             EXPECT_EQ(m_aResults[0].fMissTmax, cCase.fTmax) << "the miss program sees the trace's tmax";
     }
+
+    // Rays the traversal cannot take (NaN or huge coordinates) miss instead of failing.
+    RayBatch cBad = AlongZ({{NAN, 0, 0}, {0, 0, 0}, {1e30f, 0, 0}});
+    cBad.aDirections[1] = float3{0, INFINITY, 1};
+    ASSERT_EQ(Trace(cGas, cBad, Interval(0.0f, 10.0f)), cudaSuccess);
+    for (const RayResult& cResult : m_aResults)
+        EXPECT_EQ(cResult.bMissed, 1u);
 }
 
 TEST_F(TraceTest, PrimitiveIndexIncludesTheOffset)
@@ -157,7 +172,7 @@ TEST_F(TraceTest, PrimitiveIndexIncludesTheOffset)
 
     ASSERT_EQ(Trace(cGas, AlongZ({{0, 0, 1.5f}}), Interval(0.0f, 10.0f)), cudaSuccess);
     EXPECT_EQ(m_aResults[0].iClosest, iOffset + 1);
-    EXPECT_EQ(m_aResults[0].fClosest, 0.5f);
+    EXPECT_FLOAT_EQ(m_aResults[0].fClosest, 0.5f);
 }
 
 TEST_F(TraceTest, SharedEdgesAreWatertight)
@@ -167,7 +182,8 @@ TEST_F(TraceTest, SharedEdgesAreWatertight)
                                          Triangle{{-1, -1, 1}, {1, 1, 1}, {-1, 1, 1}}};
     TestGas cGas(m_cContext.Get(), aQuad, OPTIX_GEOMETRY_FLAG_REQUIRE_SINGLE_ANYHIT_CALL);
     const RayBatch cRays = AlongZ({{0, 0, 0}, {0.5f, 0.5f, 0}, {-0.25f, -0.25f, 0}, {0.1f, 0.1f, 0}});
-    ASSERT_EQ(Trace(cGas, cRays, Interval(0.0f, 10.0f, OPTIX_RAY_FLAG_DISABLE_CLOSESTHIT, true)), cudaSuccess);
+    ASSERT_EQ(Trace(cGas, cRays, Interval(0.0f, 10.0f, OPTIX_RAY_FLAG_DISABLE_CLOSESTHIT, true)),
+              cudaSuccess);
     for (size_t i = 0; i < cRays.aDirections.size(); ++i)
     {
         EXPECT_GE(m_aResults[i].nAnyHits, 1u) << "ray " << i;
@@ -205,10 +221,13 @@ TEST_F(TraceTest, LaunchRefusesBadArgumentsAndFailsOnForeignRecords)
     alignas(16) char aRecord[48] = {};
     OptixShaderBindingTable cSbt{};
     cSbt.raygenRecord = reinterpret_cast<CUdeviceptr>(aRecord);
-    EXPECT_EQ(Optix().optixLaunch(m_cPipeline.Get(), m_stream, 0, 16, &cSbt, 1, 1, 1), OPTIX_ERROR_INVALID_VALUE);
-    EXPECT_EQ(Optix().optixLaunch(m_cPipeline.Get(), m_stream, 0, 0, nullptr, 1, 1, 1), OPTIX_ERROR_INVALID_VALUE);
+    EXPECT_EQ(Optix().optixLaunch(m_cPipeline.Get(), m_stream, 0, 16, &cSbt, 1, 1, 1),
+              OPTIX_ERROR_INVALID_VALUE);
+    EXPECT_EQ(Optix().optixLaunch(m_cPipeline.Get(), m_stream, 0, 0, nullptr, 1, 1, 1),
+              OPTIX_ERROR_INVALID_VALUE);
     cSbt.raygenRecord += 8;
-    EXPECT_EQ(Optix().optixLaunch(m_cPipeline.Get(), m_stream, 0, 0, &cSbt, 1, 1, 1), OPTIX_ERROR_INVALID_VALUE);
+    EXPECT_EQ(Optix().optixLaunch(m_cPipeline.Get(), m_stream, 0, 0, &cSbt, 1, 1, 1),
+              OPTIX_ERROR_INVALID_VALUE);
     cSbt.raygenRecord -= 8;
     EXPECT_EQ(Optix().optixLaunch(m_cPipeline.Get(), m_stream, 0, 0, &cSbt, 1u << 16, 1u << 16, 1),
               OPTIX_ERROR_INVALID_VALUE);

@@ -129,6 +129,9 @@ TEST(NpyFile, MalformedOrUnsuitableFilesAreNamedInOneLine)
     ExpectError([&] { Npy::ReadFloatRows(cScratch.Path("short.npy"), 3); }, "truncated");
     ExpectError([&] { Npy::ReadFloatRows(sTwoColumns, 1); }, "is not (n,) or (n, 1)");
     ExpectError([&] { Npy::Read(sText); }, "not a .npy file");
+    const std::string sLongHeader =
+        cScratch.Write("long.npy", std::string("\x93NUMPY\x02\x00\xF0\xFF\xFF\xFF{}", 14));
+    ExpectError([&] { Npy::Read(sLongHeader); }, "truncated .npy header");
     ExpectError([&] { Npy::Read(sNoShape); }, "no 'shape'");
     ExpectError([&] { Npy::ReadFloatRows(sBigEndian, 1); }, "'>f4' is not float32");
     ExpectError([&] { Npy::Read(sHuge); }, "too large");

@@ -3,6 +3,7 @@
 
 #include "Flavour.h"
 
+#include <cfloat>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -18,7 +19,7 @@ struct CommonOptions
 struct DemoOptions
 {
     CommonOptions cCommon;
-    std::string sResolution = "1920x1080";
+    std::string sResolution = "2560x1440";
     std::uint64_t nTriangles = 1000000;
     std::string sOutputDirectory = ".";
 };
@@ -28,7 +29,7 @@ struct TraceOptions
     CommonOptions cCommon;
     std::string sMesh;
     std::string sMode = "nearest";
-    float fMaxDistance = 0.0f; // set by the parser's default
+    float fMaxDistance = FLT_MAX;
     std::string sOutput = "raycast";
     std::uint64_t nSliceRays = 0;
     // Rays from files...

@@ -4,7 +4,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <cfloat>
 #include <cstdio>
 #include <new>
 
@@ -46,7 +45,6 @@ int main(int argc, char** argv)
         ->capture_default_str();
 
     TraceOptions cTrace;
-    cTrace.fMaxDistance = FLT_MAX;
     CLI::App* pTrace = cApp.add_subcommand("trace", "trace rays against a mesh file and write .npy results");
     AddCommonOptions(*pTrace, cTrace.cCommon);
     pTrace->add_flag("--no-progress", cTrace.cCommon.bNoProgress, "no progress line even on a terminal");
@@ -56,7 +54,7 @@ int main(int argc, char** argv)
         ->check(CLI::IsMember({"nearest", "nearest-index", "both", "both-index", "count", "all"}))
         ->capture_default_str();
     pTrace->add_option("--max-distance", cTrace.fMaxDistance,
-                       "maximum distance of every ray (reported for misses)");
+                       "maximum distance of every ray, reported for misses (default: the largest float)");
     pTrace->add_option("--output", cTrace.sOutput, "prefix of the result files")->capture_default_str();
     pTrace->add_option("--slice-rays", cTrace.nSliceRays, "rays per library call (default: one call)");
     pTrace->add_option("--origins", cTrace.sOrigins,

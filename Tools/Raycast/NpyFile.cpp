@@ -139,6 +139,12 @@ Array Read(const std::string& sPath)
     else
         throw ToolError(sPath + ": unsupported .npy version " + std::to_string(nMajor));
 
+    // Check against the file before allocating: the length field may be garbage.
+    const std::streampos iHeaderStart = cFile.tellg();
+    cFile.seekg(0, std::ios::end);
+    if (static_cast<std::uint64_t>(cFile.tellg() - iHeaderStart) < nHeaderBytes)
+        throw ToolError(sPath + ": truncated .npy header");
+    cFile.seekg(iHeaderStart);
     std::string sHeader(nHeaderBytes, '\0');
     cFile.read(sHeader.data(), static_cast<std::streamsize>(nHeaderBytes));
     if (static_cast<std::uint64_t>(cFile.gcount()) != nHeaderBytes)

@@ -34,7 +34,8 @@ struct ProgramState
 extern __thread ProgramState* t_pProgramState;
 
 // Called by the static registrars of RT_PROGRAM; returns whether the entry was new.
-bool RegisterProgram(const char* sModule, unsigned int nPayloadValues, const char* sEntry, ProgramFunction fnProgram);
+bool RegisterProgram(const char* sModule, unsigned int nPayloadValues, const char* sEntry,
+                     ProgramFunction fnProgram);
 
 // Aborts the current launch: its stream's next synchronisation reports cudaErrorAssert.
 void DeviceAssertFailed(const char* sExpression, const char* sFile, unsigned int nLine);
@@ -44,8 +45,9 @@ unsigned int InvalidPayloadAccess(unsigned int iSlot);
 
 // optixTrace with the payload registers gathered in an array.
 void Trace(OptixTraversableHandle hTraversable, float3 origin, float3 direction, float fTmin, float fTmax,
-           float fRayTime, OptixVisibilityMask uVisibilityMask, unsigned int uRayFlags, unsigned int iSbtOffset,
-           unsigned int nSbtStride, unsigned int iMissSbtIndex, unsigned int* aPayload, unsigned int nPayloadValues);
+           float fRayTime, OptixVisibilityMask uVisibilityMask, unsigned int uRayFlags,
+           unsigned int iSbtOffset, unsigned int nSbtStride, unsigned int iMissSbtIndex,
+           unsigned int* aPayload, unsigned int nPayloadValues);
 
 template <unsigned int iSlot> inline unsigned int GetPayload()
 {
@@ -68,59 +70,99 @@ template <unsigned int iSlot> inline void SetPayload(unsigned int uValue)
 } // namespace OptixHost
 
 // On the host a module is a name and a payload count that its programs register under.
-#define RT_MODULE(ModuleName, nPayloadValues)                                                                  \
-    static_assert((nPayloadValues) >= 1 && (nPayloadValues) <= 32, #ModuleName ": payload count out of range"); \
-    namespace                                                                                                  \
-    {                                                                                                          \
-    constexpr const char* c_sRtModuleName = #ModuleName;                                                       \
-    constexpr unsigned int c_nRtModulePayloadValues = (nPayloadValues);                                        \
+#define RT_MODULE(ModuleName, nPayloadValues)                                                                \
+    static_assert((nPayloadValues) >= 1 && (nPayloadValues) <= 32,                                           \
+                  #ModuleName ": payload count out of range");                                               \
+    namespace                                                                                                \
+    {                                                                                                        \
+    constexpr const char* c_sRtModuleName = #ModuleName;                                                     \
+    constexpr unsigned int c_nRtModulePayloadValues = (nPayloadValues);                                      \
     }
 
 // A file-static function (the same entry name exists in several modules) plus its registrar.
-#define RT_PROGRAM(entryName)                                                                                  \
-    static void entryName();                                                                                   \
-    [[maybe_unused]] static const bool c_bRtRegistered##entryName =                                            \
-        ::OptixHost::RegisterProgram(c_sRtModuleName, c_nRtModulePayloadValues, #entryName, &entryName);       \
+#define RT_PROGRAM(entryName)                                                                                \
+    static void entryName();                                                                                 \
+    [[maybe_unused]] static const bool c_bRtRegistered##entryName =                                          \
+        ::OptixHost::RegisterProgram(c_sRtModuleName, c_nRtModulePayloadValues, #entryName, &entryName);     \
     static void entryName()
 
-#define RT_DEVICE_ASSERT(sFile, expr)                                                                          \
-    do                                                                                                         \
-    {                                                                                                          \
-        if (!(expr))                                                                                           \
-        {                                                                                                      \
-            ::OptixHost::DeviceAssertFailed(#expr, sFile, __LINE__);                                           \
-            return;                                                                                            \
-        }                                                                                                      \
+#define RT_DEVICE_ASSERT(sFile, expr)                                                                        \
+    do                                                                                                       \
+    {                                                                                                        \
+        if (!(expr))                                                                                         \
+        {                                                                                                    \
+            ::OptixHost::DeviceAssertFailed(#expr, sFile, __LINE__);                                         \
+            return;                                                                                          \
+        }                                                                                                    \
     } while (0)
 
-inline uint3 optixGetLaunchIndex() { return OptixHost::t_pProgramState->launchIndex; }
-inline CUdeviceptr optixGetSbtDataPointer() { return OptixHost::t_pProgramState->pSbtData; }
-inline unsigned int optixGetPrimitiveIndex() { return OptixHost::t_pProgramState->iPrimitive; }
-inline float optixGetRayTmax() { return OptixHost::t_pProgramState->fRayTmax; }
+inline uint3 optixGetLaunchIndex()
+{
+    return OptixHost::t_pProgramState->launchIndex;
+}
+inline CUdeviceptr optixGetSbtDataPointer()
+{
+    return OptixHost::t_pProgramState->pSbtData;
+}
+inline unsigned int optixGetPrimitiveIndex()
+{
+    return OptixHost::t_pProgramState->iPrimitive;
+}
+inline float optixGetRayTmax()
+{
+    return OptixHost::t_pProgramState->fRayTmax;
+}
 // Only marks the candidate: the program returns afterwards, and the traversal then rejects it.
-inline void optixIgnoreIntersection() { OptixHost::t_pProgramState->bIgnored = true; }
+inline void optixIgnoreIntersection()
+{
+    OptixHost::t_pProgramState->bIgnored = true;
+}
 
-inline unsigned int optixGetPayload_0() { return OptixHost::GetPayload<0>(); }
-inline unsigned int optixGetPayload_1() { return OptixHost::GetPayload<1>(); }
-inline unsigned int optixGetPayload_2() { return OptixHost::GetPayload<2>(); }
-inline unsigned int optixGetPayload_3() { return OptixHost::GetPayload<3>(); }
-inline void optixSetPayload_0(unsigned int uValue) { OptixHost::SetPayload<0>(uValue); }
-inline void optixSetPayload_1(unsigned int uValue) { OptixHost::SetPayload<1>(uValue); }
-inline void optixSetPayload_2(unsigned int uValue) { OptixHost::SetPayload<2>(uValue); }
-inline void optixSetPayload_3(unsigned int uValue) { OptixHost::SetPayload<3>(uValue); }
+inline unsigned int optixGetPayload_0()
+{
+    return OptixHost::GetPayload<0>();
+}
+inline unsigned int optixGetPayload_1()
+{
+    return OptixHost::GetPayload<1>();
+}
+inline unsigned int optixGetPayload_2()
+{
+    return OptixHost::GetPayload<2>();
+}
+inline unsigned int optixGetPayload_3()
+{
+    return OptixHost::GetPayload<3>();
+}
+inline void optixSetPayload_0(unsigned int uValue)
+{
+    OptixHost::SetPayload<0>(uValue);
+}
+inline void optixSetPayload_1(unsigned int uValue)
+{
+    OptixHost::SetPayload<1>(uValue);
+}
+inline void optixSetPayload_2(unsigned int uValue)
+{
+    OptixHost::SetPayload<2>(uValue);
+}
+inline void optixSetPayload_3(unsigned int uValue)
+{
+    OptixHost::SetPayload<3>(uValue);
+}
 
 template <class... Payload>
 inline void optixTrace(OptixTraversableHandle hTraversable, float3 origin, float3 direction, float fTmin,
-                       float fTmax, float fRayTime, OptixVisibilityMask uVisibilityMask, unsigned int uRayFlags,
-                       unsigned int iSbtOffset, unsigned int nSbtStride, unsigned int iMissSbtIndex,
-                       Payload&... payload)
+                       float fTmax, float fRayTime, OptixVisibilityMask uVisibilityMask,
+                       unsigned int uRayFlags, unsigned int iSbtOffset, unsigned int nSbtStride,
+                       unsigned int iMissSbtIndex, Payload&... payload)
 {
     constexpr unsigned int nPayloadValues = sizeof...(Payload);
     static_assert(nPayloadValues >= 1 && nPayloadValues <= 32, "optixTrace takes 1 to 32 payload values");
     static_assert((std::is_same<Payload, unsigned int>::value && ...), "payload values are unsigned int");
     unsigned int aPayload[nPayloadValues] = {payload...};
-    OptixHost::Trace(hTraversable, origin, direction, fTmin, fTmax, fRayTime, uVisibilityMask, uRayFlags, iSbtOffset,
-                     nSbtStride, iMissSbtIndex, aPayload, nPayloadValues);
+    OptixHost::Trace(hTraversable, origin, direction, fTmin, fTmax, fRayTime, uVisibilityMask, uRayFlags,
+                     iSbtOffset, nSbtStride, iMissSbtIndex, aPayload, nPayloadValues);
     unsigned int iSlot = 0;
     ((payload = aPayload[iSlot++]), ...);
 }

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <sstream>
 
-using TestReference::ReferenceHit;
 using TestReference::RayReference;
+using TestReference::ReferenceHit;
 
 namespace
 {
@@ -57,7 +57,10 @@ template <typename T> bool AllEqual(const std::vector<T>& a, T value)
 void CheckNearestAndFarthest(TraceMode eMode, const TraceOutcome& c, std::uint64_t i, const RayReference& r,
                              float fMaxDistance, MismatchLog& cLog)
 {
-    const ReferenceHit* pNearest = r.Nearest();
+    // The nearest-and-farthest programs replace the nearest value only by a hit that compares smaller, and
+    // nothing compares smaller than a NaN start value: the ray is traced, but its nearest hit stays unset.
+    const bool bNearestStaysUnset = HasFarthest(eMode) && std::isnan(fMaxDistance);
+    const ReferenceHit* pNearest = bNearestStaysUnset ? nullptr : r.Nearest();
     if (pNearest == nullptr)
     {
         if (FloatBits(c.aFirstHit[i]) != FloatBits(fMaxDistance))
@@ -169,8 +172,8 @@ void CheckCollectedHits(const TraceOutcome& c, std::uint64_t i, const RayReferen
         return ::testing::AssertionFailure() << "no reference";
     }
     const bool bCounting = IsCountingMode(eMode);
-    const std::uint64_t nRays = bCounting ? c.aCountHits.size() - (eMode == TraceMode::AllHits ? 1 : 0)
-                                          : c.aFirstHit.size();
+    const std::uint64_t nRays =
+        bCounting ? c.aCountHits.size() - (eMode == TraceMode::AllHits ? 1 : 0) : c.aFirstHit.size();
     MismatchLog cLog;
     if (!AllEqual(c.aLastIndex, c_iIndexCanary) && !(HasFarthest(eMode) && HasIndices(eMode)))
     {
@@ -232,11 +235,11 @@ void CheckCollectedHits(const TraceOutcome& c, std::uint64_t i, const RayReferen
 {
     if (a.eResult != b.eResult || a.sError != b.sError)
     {
-        return ::testing::AssertionFailure()
-               << "results differ: " << a.eResult << " '" << a.sError << "' vs " << b.eResult << " '" << b.sError
-               << "'";
+        return ::testing::AssertionFailure() << "results differ: " << a.eResult << " '" << a.sError << "' vs "
+                                             << b.eResult << " '" << b.sError << "'";
     }
-    auto Differs = [](const auto& x, const auto& y) {
+    auto Differs = [](const auto& x, const auto& y)
+    {
         if (x.size() != y.size())
         {
             return true;
@@ -257,7 +260,7 @@ void CheckCollectedHits(const TraceOutcome& c, std::uint64_t i, const RayReferen
         }
         return false;
     };
-    const char* sDiffering = Differs(a.aCountHits, b.aCountHits)    ? "pCountHits"
+    const char* sDiffering = Differs(a.aCountHits, b.aCountHits)     ? "pCountHits"
                              : Differs(a.aAllHits, b.aAllHits)       ? "cAllHits"
                              : Differs(a.aFirstIndex, b.aFirstIndex) ? "pFirstIndex"
                              : Differs(a.aFirstHit, b.aFirstHit)     ? "pFirstHit"

@@ -12,7 +12,8 @@ class StandInTest : public ::testing::Test
 protected:
     static constexpr std::uint64_t c_nGiB = 1ull << 30;
 
-    // 8 GiB, compute capability 8.6, memory pools, two multiprocessors: independent of the host's environment.
+    // 8 GiB, compute capability 8.6, memory pools, two multiprocessors: independent of the host's
+    // environment.
     static RayTracingCpu::DeviceConfig DefaultDevice()
     {
         RayTracingCpu::DeviceConfig cConfig = RayTracingCpu::GetConfig();

@@ -92,8 +92,8 @@ TraceOutcome RunTrace(TraceMode eMode, const TraceRequest& cRequest)
     const float* pDistance = pRays && cRequest.bDistances ? pRays->aDistances.data() : nullptr;
     cOutcome.sError = "stale error";
     cOutcome.sLog = "stale log";
-    cOutcome.eResult = RayTracing(cResults, cRequest.nTriangles, cRequest.pTriangles, nRays, pOrigin, pDirection,
-                                  pDistance, cRequest.iGpuId, cOutcome.sLog, cOutcome.sError,
+    cOutcome.eResult = RayTracing(cResults, cRequest.nTriangles, cRequest.pTriangles, nRays, pOrigin,
+                                  pDirection, pDistance, cRequest.iGpuId, cOutcome.sLog, cOutcome.sError,
                                   cRequest.bDiagnostics, cRequest.fMaxDistance, cRequest.nFreeGPUMemory);
     cOutcome.aAllHits = std::move(cResults.cAllHits);
     return cOutcome;

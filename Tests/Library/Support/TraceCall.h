@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,10 @@ constexpr TraceMode c_aAllTraceModes[] = {TraceMode::HitCount,        TraceMode:
                                           TraceMode::BothDistances,   TraceMode::BothIndices};
 
 const char* TraceModeName(TraceMode eMode);
+inline void PrintTo(TraceMode eMode, std::ostream* pStream)
+{
+    *pStream << TraceModeName(eMode);
+}
 bool IsCountingMode(TraceMode eMode);
 bool HasIndices(TraceMode eMode);
 bool HasFarthest(TraceMode eMode);
@@ -61,7 +66,8 @@ struct TraceOutcome
     RayTracingErrorType eResult = Failure;
     std::string sError;
     std::string sLog;
-    // Arrays the call was given (empty when the pointer was null); counts has nRays + 1 entries in all-hits mode.
+    // Arrays the call was given (empty when the pointer was null); counts has nRays + 1 entries in all-hits
+    // mode.
     std::vector<std::uint64_t> aCountHits;
     std::vector<float> aAllHits;
     std::vector<std::int32_t> aFirstIndex;

@@ -15,7 +15,8 @@ void LogBuffer::Write(const std::string& sText) const
     *m_pLogSize = sText.size() + 1;
 }
 
-OptixResult Fail(OptixDeviceContext_t* pContext, const LogBuffer* pLog, OptixResult result, const std::string& sMessage)
+OptixResult Fail(OptixDeviceContext_t* pContext, const LogBuffer* pLog, OptixResult result,
+                 const std::string& sMessage)
 {
     if (pLog)
         pLog->Write(sMessage);

@@ -42,13 +42,23 @@ private:
 };
 
 // Reports a failed call: the message goes to the log buffer and, as an error, to the context's callback.
-OptixResult Fail(OptixDeviceContext_t* pContext, const LogBuffer* pLog, OptixResult result, const std::string& sMessage);
+OptixResult Fail(OptixDeviceContext_t* pContext, const LogBuffer* pLog, OptixResult result,
+                 const std::string& sMessage);
 
-inline bool IsLive(const OptixDeviceContext_t* p) { return Driver::Get().Objects().Contains(p, ObjectKind::Context); }
-inline bool IsLive(const OptixModule_t* p) { return Driver::Get().Objects().Contains(p, ObjectKind::Module); }
+inline bool IsLive(const OptixDeviceContext_t* p)
+{
+    return Driver::Get().Objects().Contains(p, ObjectKind::Context);
+}
+inline bool IsLive(const OptixModule_t* p)
+{
+    return Driver::Get().Objects().Contains(p, ObjectKind::Module);
+}
 inline bool IsLive(const OptixProgramGroup_t* p)
 {
     return Driver::Get().Objects().Contains(p, ObjectKind::ProgramGroup);
 }
-inline bool IsLive(const OptixPipeline_t* p) { return Driver::Get().Objects().Contains(p, ObjectKind::Pipeline); }
+inline bool IsLive(const OptixPipeline_t* p)
+{
+    return Driver::Get().Objects().Contains(p, ObjectKind::Pipeline);
+}
 } // namespace OptixStandIn

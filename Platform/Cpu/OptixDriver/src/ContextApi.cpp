@@ -76,31 +76,35 @@ void DestroyChildren(OptixDeviceContext_t* pContext)
 OptixResult DeviceContextCreate(CUcontext /*fromContext*/, const OptixDeviceContextOptions* pOptions,
                                 OptixDeviceContext* pContext)
 {
-    return GuardedCall("optixDeviceContextCreate", [&]() {
-        if (!pContext)
-            return OPTIX_ERROR_INVALID_VALUE;
-        *pContext = nullptr;
-        if (pOptions && (pOptions->logCallbackLevel < 0 || pOptions->logCallbackLevel > 4))
-            return OPTIX_ERROR_INVALID_VALUE;
-        if (pOptions && pOptions->validationMode != OPTIX_DEVICE_CONTEXT_VALIDATION_MODE_OFF &&
-            pOptions->validationMode != OPTIX_DEVICE_CONTEXT_VALIDATION_MODE_ALL)
-            return OPTIX_ERROR_INVALID_VALUE;
-
-        auto pNew = std::make_unique<OptixDeviceContext_t>();
-        if (pOptions)
+    return GuardedCall(
+        "optixDeviceContextCreate",
+        [&]()
         {
-            pNew->fnLog = pOptions->logCallbackFunction;
-            pNew->pLogData = pOptions->logCallbackData;
-            pNew->nLogLevel = static_cast<unsigned int>(pOptions->logCallbackLevel);
-        }
-        pNew->pScenes = std::make_shared<SceneStore>();
-        Driver::Get().Objects().Add(pNew.get(), ObjectKind::Context);
-        *pContext = pNew.release();
-        (*pContext)->Log(4, "DEVICE",
-                         "OptiX driver stand-in on the CPU: Embree " RTC_VERSION_STRING ", " +
-                             std::to_string(Driver::Get().Workers()->max_concurrency()) + " worker threads");
-        return OPTIX_SUCCESS;
-    });
+            if (!pContext)
+                return OPTIX_ERROR_INVALID_VALUE;
+            *pContext = nullptr;
+            if (pOptions && (pOptions->logCallbackLevel < 0 || pOptions->logCallbackLevel > 4))
+                return OPTIX_ERROR_INVALID_VALUE;
+            if (pOptions && pOptions->validationMode != OPTIX_DEVICE_CONTEXT_VALIDATION_MODE_OFF &&
+                pOptions->validationMode != OPTIX_DEVICE_CONTEXT_VALIDATION_MODE_ALL)
+                return OPTIX_ERROR_INVALID_VALUE;
+
+            auto pNew = std::make_unique<OptixDeviceContext_t>();
+            if (pOptions)
+            {
+                pNew->fnLog = pOptions->logCallbackFunction;
+                pNew->pLogData = pOptions->logCallbackData;
+                pNew->nLogLevel = static_cast<unsigned int>(pOptions->logCallbackLevel);
+            }
+            pNew->pScenes = std::make_shared<SceneStore>();
+            Driver::Get().Objects().Add(pNew.get(), ObjectKind::Context);
+            *pContext = pNew.release();
+            (*pContext)->Log(4, "DEVICE",
+                             "OptiX driver stand-in on the CPU: Embree " RTC_VERSION_STRING ", " +
+                                 std::to_string(Driver::Get().Workers()->max_concurrency()) +
+                                 " worker threads");
+            return OPTIX_SUCCESS;
+        });
 }
 
 OptixResult DeviceContextDestroy(OptixDeviceContext context)
@@ -120,19 +124,22 @@ OptixResult DeviceContextDestroy(OptixDeviceContext context)
 OptixResult DeviceContextGetProperty(OptixDeviceContext context, OptixDeviceProperty eProperty, void* pValue,
                                      size_t nSizeInBytes)
 {
-    return GuardedCall("optixDeviceContextGetProperty", [&]() {
-        if (!IsLive(context))
-            return context ? OPTIX_ERROR_INVALID_DEVICE_CONTEXT : OPTIX_ERROR_INVALID_VALUE;
-        unsigned int uValue = 0;
-        if (!DeviceProperty(eProperty, uValue))
-            return Fail(context, nullptr, OPTIX_ERROR_INVALID_VALUE,
-                        "optixDeviceContextGetProperty: unknown property " + std::to_string(eProperty));
-        if (!pValue || nSizeInBytes != sizeof(unsigned int))
-            return Fail(context, nullptr, OPTIX_ERROR_INVALID_VALUE,
-                        "optixDeviceContextGetProperty: the value must be a 4-byte unsigned int");
-        *static_cast<unsigned int*>(pValue) = uValue;
-        return OPTIX_SUCCESS;
-    });
+    return GuardedCall(
+        "optixDeviceContextGetProperty",
+        [&]()
+        {
+            if (!IsLive(context))
+                return context ? OPTIX_ERROR_INVALID_DEVICE_CONTEXT : OPTIX_ERROR_INVALID_VALUE;
+            unsigned int uValue = 0;
+            if (!DeviceProperty(eProperty, uValue))
+                return Fail(context, nullptr, OPTIX_ERROR_INVALID_VALUE,
+                            "optixDeviceContextGetProperty: unknown property " + std::to_string(eProperty));
+            if (!pValue || nSizeInBytes != sizeof(unsigned int))
+                return Fail(context, nullptr, OPTIX_ERROR_INVALID_VALUE,
+                            "optixDeviceContextGetProperty: the value must be a 4-byte unsigned int");
+            *static_cast<unsigned int*>(pValue) = uValue;
+            return OPTIX_SUCCESS;
+        });
 }
 } // namespace OptixStandIn
 

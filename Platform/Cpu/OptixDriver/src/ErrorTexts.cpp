@@ -12,7 +12,10 @@ struct ErrorText
     const char* sDescription;
 };
 
-#define RT_ERROR_TEXT(code, description) {code, #code, description}
+#define RT_ERROR_TEXT(code, description)                                                                     \
+    {                                                                                                        \
+        code, #code, description                                                                             \
+    }
 constexpr ErrorText c_aErrorTexts[] = {
     RT_ERROR_TEXT(OPTIX_SUCCESS, "Success"),
     RT_ERROR_TEXT(OPTIX_ERROR_INVALID_VALUE, "Invalid value"),

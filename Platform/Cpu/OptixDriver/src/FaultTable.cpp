@@ -8,9 +8,9 @@ int FaultTable::Enter(const char* sFunction)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     const std::uint64_t nCall = ++m_aCallCounts[sFunction];
-    const auto it = std::find_if(m_aFaults.begin(), m_aFaults.end(), [&](const Fault& cFault) {
-        return cFault.nAtCall == nCall && cFault.sFunction == sFunction;
-    });
+    const auto it = std::find_if(m_aFaults.begin(), m_aFaults.end(),
+                                 [&](const Fault& cFault)
+                                 { return cFault.nAtCall == nCall && cFault.sFunction == sFunction; });
     if (it == m_aFaults.end())
         return 0;
     const int nCode = it->nCode;

@@ -11,7 +11,10 @@ namespace OptixStandIn
 namespace
 {
 // Slots the stand-in does not serve answer this instead of crashing through a null pointer.
-OptixResult NotSupportedEntry() { return OPTIX_ERROR_NOT_SUPPORTED; }
+OptixResult NotSupportedEntry()
+{
+    return OPTIX_ERROR_NOT_SUPPORTED;
+}
 
 void FillFunctionTable(OptixFunctionTable& cTable)
 {
@@ -38,20 +41,35 @@ void FillFunctionTable(OptixFunctionTable& cTable)
     cTable.optixLaunch = &Launch;
 }
 
-void ControlSetMaxPrimitivesPerGas(std::uint32_t nMax) { Driver::Get().SetMaxPrimitivesPerGas(nMax); }
-void ControlSetThreads(int nThreads) { Driver::Get().SetThreads(nThreads); }
+void ControlSetMaxPrimitivesPerGas(std::uint32_t nMax)
+{
+    Driver::Get().SetMaxPrimitivesPerGas(nMax);
+}
+void ControlSetThreads(int nThreads)
+{
+    Driver::Get().SetThreads(nThreads);
+}
 void ControlInjectFault(const char* sFunction, std::uint64_t nCall, int nCode)
 {
     if (sFunction)
         Driver::Get().Faults().Inject(sFunction, nCall, nCode);
 }
-void ControlClearFaults() { Driver::Get().Faults().ClearFaults(); }
+void ControlClearFaults()
+{
+    Driver::Get().Faults().ClearFaults();
+}
 std::uint64_t ControlCallCount(const char* sFunction)
 {
     return sFunction ? Driver::Get().Faults().CallCount(sFunction) : 0;
 }
-void ControlResetCallCounts() { Driver::Get().Faults().ResetCallCounts(); }
-std::uint64_t ControlLiveObjects() { return Driver::Get().Objects().Count(); }
+void ControlResetCallCounts()
+{
+    Driver::Get().Faults().ResetCallCounts();
+}
+std::uint64_t ControlLiveObjects()
+{
+    return Driver::Get().Objects().Count();
+}
 } // namespace
 } // namespace OptixStandIn
 
@@ -85,8 +103,13 @@ RT_DRIVER_EXPORT const OptixStandInControl* RayTracingCpuOptixControl()
 {
     using namespace OptixStandIn;
     static const OptixStandInControl s_cControl = {
-        &ControlSetMaxPrimitivesPerGas, &ControlSetThreads, &ControlInjectFault, &ControlClearFaults,
-        &ControlCallCount,              &ControlResetCallCounts, &ControlLiveObjects,
+        &ControlSetMaxPrimitivesPerGas,
+        &ControlSetThreads,
+        &ControlInjectFault,
+        &ControlClearFaults,
+        &ControlCallCount,
+        &ControlResetCallCounts,
+        &ControlLiveObjects,
     };
     return &s_cControl;
 }

@@ -73,15 +73,17 @@ cudaError_t RunLaunch(const LaunchSetup& cSetup)
     const ProgramSet* pRaygen = DecodeRecord(cSetup, cSbt.raygenRecord, OPTIX_PROGRAM_GROUP_KIND_RAYGEN);
     if (!pRaygen)
     {
-        std::fprintf(stderr, "optixLaunch: the ray-generation record's header names no ray-generation group of "
-                             "the pipeline\n");
+        std::fprintf(stderr,
+                     "optixLaunch: the ray-generation record's header names no ray-generation group of "
+                     "the pipeline\n");
         return cudaErrorLaunchFailure;
     }
     const CUdeviceptr pRaygenData = cSbt.raygenRecord + OPTIX_SBT_RECORD_HEADER_SIZE;
     cLaunch.aMisses.resize(cSbt.missRecordCount);
     for (unsigned int i = 0; i < cSbt.missRecordCount; ++i)
     {
-        const CUdeviceptr pRecord = cSbt.missRecordBase + static_cast<CUdeviceptr>(i) * cSbt.missRecordStrideInBytes;
+        const CUdeviceptr pRecord =
+            cSbt.missRecordBase + static_cast<CUdeviceptr>(i) * cSbt.missRecordStrideInBytes;
         if (const ProgramSet* pPrograms = DecodeRecord(cSetup, pRecord, OPTIX_PROGRAM_GROUP_KIND_MISS))
             cLaunch.aMisses[i] = MissEntry{true, pPrograms->fnMiss, pRecord + OPTIX_SBT_RECORD_HEADER_SIZE};
     }
@@ -99,7 +101,8 @@ cudaError_t RunLaunch(const LaunchSetup& cSetup)
     const std::uint64_t nPlane = nWidth * cSetup.nHeight;
     const std::uint64_t nLaunchSize = nPlane * cSetup.nDepth;
     const OptixHost::ProgramFunction fnRaygen = pRaygen->fnRaygen;
-    auto runRange = [&](const tbb::blocked_range<std::uint64_t>& cRange) {
+    auto runRange = [&](const tbb::blocked_range<std::uint64_t>& cRange)
+    {
         OptixHost::ProgramState cState{};
         cState.pSbtData = pRaygenData;
         cState.pLaunch = &cLaunch;
@@ -109,9 +112,9 @@ cudaError_t RunLaunch(const LaunchSetup& cSetup)
         {
             if (cLaunch.bFailed.load(std::memory_order_relaxed))
                 break;
-            cState.launchIndex = uint3{static_cast<unsigned int>(i % nWidth),
-                                       static_cast<unsigned int>(i % nPlane / nWidth),
-                                       static_cast<unsigned int>(i / nPlane)};
+            cState.launchIndex =
+                uint3{static_cast<unsigned int>(i % nWidth), static_cast<unsigned int>(i % nPlane / nWidth),
+                      static_cast<unsigned int>(i / nPlane)};
             fnRaygen();
         }
         OptixHost::t_pProgramState = pPrevious;
@@ -126,85 +129,96 @@ cudaError_t RunLaunch(const LaunchSetup& cSetup)
     return cLaunch.eError;
 }
 
-bool IsAligned(CUdeviceptr p) { return p % OPTIX_SBT_RECORD_ALIGNMENT == 0; }
+bool IsAligned(CUdeviceptr p)
+{
+    return p % OPTIX_SBT_RECORD_ALIGNMENT == 0;
+}
 } // namespace
 
 OptixResult SbtRecordPackHeader(OptixProgramGroup group, void* pHeader)
 {
-    return GuardedCall("optixSbtRecordPackHeader", [&]() {
-        if (!IsLive(group) || !pHeader)
-            return OPTIX_ERROR_INVALID_VALUE;
-        RecordHeader cHeader{};
-        cHeader.nMagic = c_nHeaderMagic;
-        cHeader.nSerial = group->nSerial;
-        cHeader.eKind = static_cast<std::uint32_t>(group->cPrograms.eKind);
-        cHeader.uCheck = HeaderCheck(cHeader.nSerial, cHeader.eKind);
-        std::memcpy(pHeader, &cHeader, sizeof(cHeader));
-        return OPTIX_SUCCESS;
-    });
+    return GuardedCall("optixSbtRecordPackHeader",
+                       [&]()
+                       {
+                           if (!IsLive(group) || !pHeader)
+                               return OPTIX_ERROR_INVALID_VALUE;
+                           RecordHeader cHeader{};
+                           cHeader.nMagic = c_nHeaderMagic;
+                           cHeader.nSerial = group->nSerial;
+                           cHeader.eKind = static_cast<std::uint32_t>(group->cPrograms.eKind);
+                           cHeader.uCheck = HeaderCheck(cHeader.nSerial, cHeader.eKind);
+                           std::memcpy(pHeader, &cHeader, sizeof(cHeader));
+                           return OPTIX_SUCCESS;
+                       });
 }
 
 OptixResult Launch(OptixPipeline pipeline, CUstream stream, CUdeviceptr pParams, size_t nParamsSize,
-                   const OptixShaderBindingTable* pSbt, unsigned int nWidth, unsigned int nHeight, unsigned int nDepth)
+                   const OptixShaderBindingTable* pSbt, unsigned int nWidth, unsigned int nHeight,
+                   unsigned int nDepth)
 {
-    return GuardedCall("optixLaunch", [&]() {
-        if (!IsLive(pipeline))
-            return OPTIX_ERROR_INVALID_VALUE;
-        auto fail = [&](OptixResult result, const std::string& sError) {
-            return Fail(pipeline->pContext, nullptr, result, "optixLaunch: " + sError);
-        };
-        if (!pSbt)
-            return fail(OPTIX_ERROR_INVALID_VALUE, "the shader binding table is null");
-        if (nParamsSize > 0)
-            return fail(OPTIX_ERROR_INVALID_VALUE, "pipelineParamsSize " + std::to_string(nParamsSize) +
-                                                       " exceeds the launch parameters of the modules (none)");
-        (void)pParams;
-        if (pSbt->raygenRecord == 0 || !IsAligned(pSbt->raygenRecord))
-            return fail(OPTIX_ERROR_INVALID_VALUE, "raygenRecord is null or not 16-byte aligned");
-        if (!IsAligned(pSbt->exceptionRecord) || !IsAligned(pSbt->missRecordBase) ||
-            !IsAligned(pSbt->missRecordStrideInBytes) || !IsAligned(pSbt->hitgroupRecordBase) ||
-            !IsAligned(pSbt->hitgroupRecordStrideInBytes) || !IsAligned(pSbt->callablesRecordBase) ||
-            !IsAligned(pSbt->callablesRecordStrideInBytes))
-            return fail(OPTIX_ERROR_INVALID_VALUE, "SBT addresses and strides must be multiples of 16");
-        if ((pSbt->missRecordCount > 0 && pSbt->missRecordBase == 0) ||
-            (pSbt->hitgroupRecordCount > 0 && pSbt->hitgroupRecordBase == 0) ||
-            (pSbt->callablesRecordBase == 0 && pSbt->callablesRecordCount != 0))
-            return fail(OPTIX_ERROR_INVALID_VALUE, "an SBT record count is set without its base address");
-        const std::uint64_t nLaunchSize = static_cast<std::uint64_t>(nWidth) * nHeight * nDepth;
-        if (nLaunchSize > (1ull << 30))
-            return fail(OPTIX_ERROR_INVALID_VALUE, "the launch size exceeds 2^30");
-        if (nLaunchSize == 0)
-            return OPTIX_SUCCESS;
-
-        auto pSetup = std::make_shared<LaunchSetup>();
-        pSetup->cSbt = *pSbt;
-        pSetup->aGroups = pipeline->aGroups;
-        pSetup->nMaxTraceDepth = pipeline->nMaxTraceDepth;
-        pSetup->nPayloadValues = static_cast<unsigned int>(pipeline->cOptions.nPayloadValues);
-        pSetup->nWidth = nWidth;
-        pSetup->nHeight = nHeight;
-        pSetup->nDepth = nDepth;
-        pSetup->pScenes = pipeline->pContext->pScenes;
-        pSetup->pWorkers = Driver::Get().Workers();
-        if (!stream)
+    return GuardedCall(
+        "optixLaunch",
+        [&]()
         {
-            // The null stream runs the launch now, so its failure can be the call's result.
-            return RunLaunch(*pSetup) == cudaSuccess ? OPTIX_SUCCESS : OPTIX_ERROR_LAUNCH_FAILURE;
-        }
-        stream->Enqueue([pSetup, stream]() {
-            cudaError_t eError = cudaErrorLaunchFailure;
-            try
+            if (!IsLive(pipeline))
+                return OPTIX_ERROR_INVALID_VALUE;
+            auto fail = [&](OptixResult result, const std::string& sError)
+            { return Fail(pipeline->pContext, nullptr, result, "optixLaunch: " + sError); };
+            if (!pSbt)
+                return fail(OPTIX_ERROR_INVALID_VALUE, "the shader binding table is null");
+            if (nParamsSize > 0)
+                return fail(OPTIX_ERROR_INVALID_VALUE,
+                            "pipelineParamsSize " + std::to_string(nParamsSize) +
+                                " exceeds the launch parameters of the modules (none)");
+            (void)pParams;
+            if (pSbt->raygenRecord == 0 || !IsAligned(pSbt->raygenRecord))
+                return fail(OPTIX_ERROR_INVALID_VALUE, "raygenRecord is null or not 16-byte aligned");
+            if (!IsAligned(pSbt->exceptionRecord) || !IsAligned(pSbt->missRecordBase) ||
+                !IsAligned(pSbt->missRecordStrideInBytes) || !IsAligned(pSbt->hitgroupRecordBase) ||
+                !IsAligned(pSbt->hitgroupRecordStrideInBytes) || !IsAligned(pSbt->callablesRecordBase) ||
+                !IsAligned(pSbt->callablesRecordStrideInBytes))
+                return fail(OPTIX_ERROR_INVALID_VALUE, "SBT addresses and strides must be multiples of 16");
+            if ((pSbt->missRecordCount > 0 && pSbt->missRecordBase == 0) ||
+                (pSbt->hitgroupRecordCount > 0 && pSbt->hitgroupRecordBase == 0) ||
+                (pSbt->callablesRecordBase == 0 && pSbt->callablesRecordCount != 0))
+                return fail(OPTIX_ERROR_INVALID_VALUE, "an SBT record count is set without its base address");
+            const std::uint64_t nLaunchSize = static_cast<std::uint64_t>(nWidth) * nHeight * nDepth;
+            if (nLaunchSize > (1ull << 30))
+                return fail(OPTIX_ERROR_INVALID_VALUE, "the launch size exceeds 2^30");
+            if (nLaunchSize == 0)
+                return OPTIX_SUCCESS;
+
+            auto pSetup = std::make_shared<LaunchSetup>();
+            pSetup->cSbt = *pSbt;
+            pSetup->aGroups = pipeline->aGroups;
+            pSetup->nMaxTraceDepth = pipeline->nMaxTraceDepth;
+            pSetup->nPayloadValues = static_cast<unsigned int>(pipeline->cOptions.nPayloadValues);
+            pSetup->nWidth = nWidth;
+            pSetup->nHeight = nHeight;
+            pSetup->nDepth = nDepth;
+            pSetup->pScenes = pipeline->pContext->pScenes;
+            pSetup->pWorkers = Driver::Get().Workers();
+            if (!stream)
             {
-                eError = RunLaunch(*pSetup);
+                // The null stream runs the launch now, so its failure can be the call's result.
+                return RunLaunch(*pSetup) == cudaSuccess ? OPTIX_SUCCESS : OPTIX_ERROR_LAUNCH_FAILURE;
             }
-            catch (...)
-            {
-                std::fprintf(stderr, "optixLaunch: the launch failed on the host\n");
-            }
-            if (eError != cudaSuccess)
-                stream->Fail(eError);
+            stream->Enqueue(
+                [pSetup, stream]()
+                {
+                    cudaError_t eError = cudaErrorLaunchFailure;
+                    try
+                    {
+                        eError = RunLaunch(*pSetup);
+                    }
+                    catch (...)
+                    {
+                        std::fprintf(stderr, "optixLaunch: the launch failed on the host\n");
+                    }
+                    if (eError != cudaSuccess)
+                        stream->Fail(eError);
+                });
+            return OPTIX_SUCCESS;
         });
-        return OPTIX_SUCCESS;
-    });
 }
 } // namespace OptixStandIn

@@ -44,7 +44,7 @@ struct OptixHost::LaunchContext
     cudaError_t eError = cudaSuccess;
     std::string sFailure; // why, for the report at the end of the launch
 
-    std::mutex mutex; // sFailure, aHeldScenes
+    std::mutex mutex;                                                    // sFailure, aHeldScenes
     std::vector<std::shared_ptr<const OptixStandIn::Scene>> aHeldScenes; // alive until the launch ends
 
     // The first failure wins; later programs of the launch stop early.

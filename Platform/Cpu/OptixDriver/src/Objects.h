@@ -74,7 +74,7 @@ struct OptixProgramGroup_t
     OptixDeviceContext_t* pContext = nullptr;
     std::uint64_t nSerial = 0; // written into record headers
     OptixStandIn::ProgramSet cPrograms;
-    const OptixModule_t* pAnyModule = nullptr; // a module of the group (null for an empty miss group)
+    const OptixModule_t* pAnyModule = nullptr;    // a module of the group (null for an empty miss group)
     OptixStandIn::PipelineOptions cModuleOptions; // what its modules were compiled with
 };
 

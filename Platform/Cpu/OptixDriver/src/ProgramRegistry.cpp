@@ -35,9 +35,8 @@ const RegisteredModule* FindModuleByEntries(const std::vector<std::string>& aEnt
     {
         const bool bSame = pModule->aPrograms.size() == aWanted.size() &&
                            std::equal(aWanted.begin(), aWanted.end(), pModule->aPrograms.begin(),
-                                      [](const std::string& sEntry, const auto& cProgram) {
-                                          return sEntry == cProgram.first;
-                                      });
+                                      [](const std::string& sEntry, const auto& cProgram)
+                                      { return sEntry == cProgram.first; });
         if (!bSame)
             continue;
         if (pFound)
@@ -59,7 +58,8 @@ const RegisteredModule* FindModuleByEntries(const std::vector<std::string>& aEnt
 
 namespace OptixHost
 {
-bool RegisterProgram(const char* sModule, unsigned int nPayloadValues, const char* sEntry, ProgramFunction fnProgram)
+bool RegisterProgram(const char* sModule, unsigned int nPayloadValues, const char* sEntry,
+                     ProgramFunction fnProgram)
 {
     auto& cRegistry = OptixStandIn::GetRegistry();
     std::lock_guard<std::mutex> lock(cRegistry.mutex);

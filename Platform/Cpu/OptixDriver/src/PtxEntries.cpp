@@ -7,8 +7,14 @@ namespace OptixStandIn
 {
 namespace
 {
-bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
-bool IsNameChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '$'; }
+bool IsBlank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+bool IsNameChar(char c)
+{
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '$';
+}
 } // namespace
 
 std::vector<std::string> ParseEntryNames(const char* sInput, std::size_t nInputSize)
@@ -18,7 +24,8 @@ std::vector<std::string> ParseEntryNames(const char* sInput, std::size_t nInputS
 
     std::vector<std::string> aEntries;
     static const std::string c_sVisible = ".visible";
-    for (size_t iPos = sText.find(c_sVisible); iPos != std::string::npos; iPos = sText.find(c_sVisible, iPos + 1))
+    for (size_t iPos = sText.find(c_sVisible); iPos != std::string::npos;
+         iPos = sText.find(c_sVisible, iPos + 1))
     {
         size_t i = iPos + c_sVisible.size();
         if (i >= sText.size() || !IsBlank(sText[i]))

@@ -19,18 +19,20 @@ void RecordEmbreeError(void* pUser, RTCError eCode, const char* sMessage)
     auto* pSink = static_cast<ErrorSink*>(pUser);
     std::lock_guard<std::mutex> lock(pSink->mutex);
     if (pSink->sFirst.empty())
-        pSink->sFirst = "Embree error " + std::to_string(static_cast<int>(eCode)) + ": " + (sMessage ? sMessage : "");
+        pSink->sFirst =
+            "Embree error " + std::to_string(static_cast<int>(eCode)) + ": " + (sMessage ? sMessage : "");
 }
 
-// Copies the triangles of one input into an Embree geometry; null when the device refused it.
-RTCGeometry MakeTriangleGeometry(RTCDevice hDevice, const TriangleInput& cInput, const float*& pCopy)
+// Copies the triangles of one input into an Embree geometry (device memory may be released right after the
+// build); null when the device refused it.
+RTCGeometry MakeTriangleGeometry(RTCDevice hDevice, const TriangleInput& cInput)
 {
     const unsigned int nTriangles = cInput.nVertices / 3;
     RTCGeometry hGeometry = rtcNewGeometry(hDevice, RTC_GEOMETRY_TYPE_TRIANGLE);
     if (!hGeometry)
         return nullptr;
-    auto* pVertices = static_cast<float*>(
-        rtcSetNewGeometryBuffer(hGeometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 12, cInput.nVertices));
+    auto* pVertices = static_cast<float*>(rtcSetNewGeometryBuffer(hGeometry, RTC_BUFFER_TYPE_VERTEX, 0,
+                                                                  RTC_FORMAT_FLOAT3, 12, cInput.nVertices));
     auto* pIndices = static_cast<unsigned int*>(
         rtcSetNewGeometryBuffer(hGeometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, 12, nTriangles));
     if (!pVertices || !pIndices)
@@ -38,7 +40,6 @@ RTCGeometry MakeTriangleGeometry(RTCDevice hDevice, const TriangleInput& cInput,
         rtcReleaseGeometry(hGeometry);
         return nullptr;
     }
-    // Device memory is host memory here; the caller may release it right after the build, so copy.
     const auto* pSource = reinterpret_cast<const unsigned char*>(cInput.pVertices);
     if (cInput.nStrideInBytes == 12)
         std::memcpy(pVertices, pSource, static_cast<size_t>(cInput.nVertices) * 12);
@@ -48,7 +49,6 @@ RTCGeometry MakeTriangleGeometry(RTCDevice hDevice, const TriangleInput& cInput,
     for (unsigned int i = 0; i < 3 * nTriangles; ++i)
         pIndices[i] = i;
     rtcCommitGeometry(hGeometry);
-    pCopy = pVertices;
     return hGeometry;
 }
 } // namespace
@@ -60,7 +60,10 @@ Scene::Scene(RTCScene hScene, std::vector<GeometryInfo> aGeometries)
         m_bAnyHitPossible |= (cGeometry.uFlags & OPTIX_GEOMETRY_FLAG_DISABLE_ANYHIT) == 0;
 }
 
-Scene::~Scene() { rtcReleaseScene(m_hScene); }
+Scene::~Scene()
+{
+    rtcReleaseScene(m_hScene);
+}
 
 SceneStore::SceneStore() : m_hDevice(rtcNewDevice(nullptr)) {}
 
@@ -87,14 +90,14 @@ std::string SceneStore::Build(OptixTraversableHandle hTraversable, const std::ve
     if (hScene)
     {
         rtcSetSceneBuildQuality(hScene, RTC_BUILD_QUALITY_MEDIUM);
-        rtcSetSceneFlags(hScene,
-                         static_cast<RTCSceneFlags>(RTC_SCENE_FLAG_ROBUST | RTC_SCENE_FLAG_CONTEXT_FILTER_FUNCTION));
+        rtcSetSceneFlags(hScene, static_cast<RTCSceneFlags>(RTC_SCENE_FLAG_ROBUST |
+                                                            RTC_SCENE_FLAG_CONTEXT_FILTER_FUNCTION));
         for (size_t i = 0; i < aInputs.size(); ++i)
         {
-            aGeometries[i] = GeometryInfo{aInputs[i].uGeometryFlags, aInputs[i].iPrimitiveIndexOffset, nullptr};
+            aGeometries[i] = GeometryInfo{aInputs[i].uGeometryFlags, aInputs[i].iPrimitiveIndexOffset};
             if (aInputs[i].nVertices == 0)
                 continue;
-            RTCGeometry hGeometry = MakeTriangleGeometry(m_hDevice, aInputs[i], aGeometries[i].pVertices);
+            RTCGeometry hGeometry = MakeTriangleGeometry(m_hDevice, aInputs[i]);
             if (!hGeometry)
                 break;
             rtcAttachGeometryByID(hScene, hGeometry, static_cast<unsigned int>(i));

@@ -28,7 +28,6 @@ struct GeometryInfo
 {
     unsigned int uFlags = 0;
     unsigned int iPrimitiveIndexOffset = 0;
-    const float* pVertices = nullptr; // the scene's copy, nine floats per triangle
 };
 
 class Scene

@@ -26,9 +26,6 @@ struct TraceContext
     const Scene* pScene;
     const HitGroupEntry* pHitGroup;
     bool bEnforceAnyHit;
-    float3 origin, direction;
-    float fTmin, fTmax;
-    float fAccepted; // distance of the last accepted candidate, which ends as the closest
 };
 
 struct SceneCache
@@ -43,8 +40,8 @@ constexpr unsigned int c_uSupportedRayFlags = OPTIX_RAY_FLAG_DISABLE_ANYHIT | OP
                                               OPTIX_RAY_FLAG_TERMINATE_ON_FIRST_HIT |
                                               OPTIX_RAY_FLAG_DISABLE_CLOSESTHIT;
 
-// Embree accepts t > tnear and needs tnear >= 0: one float step below tmin, so that tmin itself is in.
-// A hit at exactly t = 0 is therefore never reported.
+// Embree accepts tnear < t <= tfar and needs tnear >= 0: one float step below tmin, so that tmin itself is
+// in. A hit at exactly t = 0 is therefore never reported. Distances are Embree's (a few ulps of rounding).
 float EmbreeTnear(float fTmin)
 {
     if (!(fTmin > 0.0f))
@@ -58,29 +55,11 @@ float EmbreeTnear(float fTmin)
     return fTmin;
 }
 
-// Embree's distances are a few ulps off (approximate reciprocals); it searches a little beyond tmax, and
-// the exact distance below decides.
-float EmbreeTfar(float fTmax) { return fTmax > 0.0f ? fTmax + fTmax * (1.0f / 65536.0f) : fTmax; }
-
 // Embree's limit for ray coordinates (beyond it, or NaN, its queries are undefined): such rays miss.
 bool IsTraceable(float3 v)
 {
     constexpr float c_fLimit = 1.0e18f;
     return std::fabs(v.x) < c_fLimit && std::fabs(v.y) < c_fLimit && std::fabs(v.z) < c_fLimit;
-}
-
-// The distance to the triangle's plane in double precision, so that reported distances are exact where the
-// geometry is (a plane z = 1 is met at t = 1, not one ulp short).
-float ExactDistance(const GeometryInfo& cGeometry, unsigned int iTriangle, float3 o, float3 d, float fEmbree)
-{
-    const float* v = cGeometry.pVertices + 9 * static_cast<size_t>(iTriangle);
-    const double e1[3] = {double(v[3]) - v[0], double(v[4]) - v[1], double(v[5]) - v[2]};
-    const double e2[3] = {double(v[6]) - v[0], double(v[7]) - v[1], double(v[8]) - v[2]};
-    const double n[3] = {e1[1] * e2[2] - e1[2] * e2[1], e1[2] * e2[0] - e1[0] * e2[2], e1[0] * e2[1] - e1[1] * e2[0]};
-    const double fDenominator = n[0] * d.x + n[1] * d.y + n[2] * d.z;
-    const double fNumerator = n[0] * (double(v[0]) - o.x) + n[1] * (double(v[1]) - o.y) + n[2] * (double(v[2]) - o.z);
-    const float fExact = static_cast<float>(fNumerator / fDenominator);
-    return std::isfinite(fExact) && fDenominator != 0.0 ? fExact : fEmbree;
 }
 
 const Scene* FindScene(OptixHost::LaunchContext& cLaunch, OptixTraversableHandle hTraversable)
@@ -105,31 +84,18 @@ void AnyHitFilter(const RTCFilterFunctionNArguments* pArgs)
         return;
     auto* pContext = reinterpret_cast<TraceContext*>(pArgs->context);
     const unsigned int iGeometry = RTCHitN_geomID(pArgs->hit, pArgs->N, 0);
-    const unsigned int iTriangle = RTCHitN_primID(pArgs->hit, pArgs->N, 0);
     const GeometryInfo& cGeometry = pContext->pScene->Geometry(iGeometry);
-    // Embree sets tfar to the candidate's distance and restores it when the candidate is rejected.
-    const float fDistance = ExactDistance(cGeometry, iTriangle, pContext->origin, pContext->direction,
-                                          RTCRayN_tfar(pArgs->ray, pArgs->N, 0));
-    if (!(fDistance >= pContext->fTmin && fDistance <= pContext->fTmax))
-    {
-        pArgs->valid[0] = 0;
+    if (!pContext->bEnforceAnyHit && (cGeometry.uFlags & OPTIX_GEOMETRY_FLAG_DISABLE_ANYHIT))
         return;
-    }
-    if (pContext->bEnforceAnyHit || !(cGeometry.uFlags & OPTIX_GEOMETRY_FLAG_DISABLE_ANYHIT))
-    {
-        ProgramState* pState = pContext->pState;
-        pState->iPrimitive = iTriangle + cGeometry.iPrimitiveIndexOffset;
-        pState->fRayTmax = fDistance;
-        pState->bIgnored = false;
-        pState->pSbtData = pContext->pHitGroup->pData;
-        pContext->pHitGroup->fnAnyHit();
-        if (pState->bIgnored || pState->pLaunch->bFailed.load(std::memory_order_relaxed))
-        {
-            pArgs->valid[0] = 0; // rejected: the traversal goes on
-            return;
-        }
-    }
-    pContext->fAccepted = fDistance;
+    ProgramState* pState = pContext->pState;
+    pState->iPrimitive = RTCHitN_primID(pArgs->hit, pArgs->N, 0) + cGeometry.iPrimitiveIndexOffset;
+    // Embree sets tfar to the candidate's distance and restores it when the candidate is rejected.
+    pState->fRayTmax = RTCRayN_tfar(pArgs->ray, pArgs->N, 0);
+    pState->bIgnored = false;
+    pState->pSbtData = pContext->pHitGroup->pData;
+    pContext->pHitGroup->fnAnyHit();
+    if (pState->bIgnored || pState->pLaunch->bFailed.load(std::memory_order_relaxed))
+        pArgs->valid[0] = 0; // rejected: the traversal goes on
 }
 } // namespace
 } // namespace OptixStandIn
@@ -149,8 +115,9 @@ void DeviceAssertFailed(const char* sExpression, const char* sFile, unsigned int
 {
     ProgramState* pState = t_pProgramState;
     char sMessage[1024];
-    std::snprintf(sMessage, sizeof(sMessage), "%s:%u: block: [0,0,0], thread: [%u,%u,%u] Assertion `%s` failed.",
-                  sFile, nLine, pState ? pState->launchIndex.x : 0u, pState ? pState->launchIndex.y : 0u,
+    std::snprintf(sMessage, sizeof(sMessage),
+                  "%s:%u: block: [0,0,0], thread: [%u,%u,%u] Assertion `%s` failed.", sFile, nLine,
+                  pState ? pState->launchIndex.x : 0u, pState ? pState->launchIndex.y : 0u,
                   pState ? pState->launchIndex.z : 0u, sExpression);
     if (pState && pState->pLaunch)
         pState->pLaunch->Fail(cudaErrorAssert, sMessage);
@@ -169,8 +136,9 @@ unsigned int InvalidPayloadAccess(unsigned int iSlot)
 }
 
 void Trace(OptixTraversableHandle hTraversable, float3 origin, float3 direction, float fTmin, float fTmax,
-           float /*fRayTime*/, OptixVisibilityMask /*uVisibilityMask*/, unsigned int uRayFlags, unsigned int iSbtOffset,
-           unsigned int /*nSbtStride*/, unsigned int iMissSbtIndex, unsigned int* aPayload, unsigned int nPayloadValues)
+           float /*fRayTime*/, OptixVisibilityMask /*uVisibilityMask*/, unsigned int uRayFlags,
+           unsigned int iSbtOffset, unsigned int /*nSbtStride*/, unsigned int iMissSbtIndex,
+           unsigned int* aPayload, unsigned int nPayloadValues)
 {
     using namespace OptixStandIn;
     ProgramState* pOuter = t_pProgramState;
@@ -178,19 +146,22 @@ void Trace(OptixTraversableHandle hTraversable, float3 origin, float3 direction,
     if (cLaunch.bFailed.load(std::memory_order_relaxed))
         return;
     if (pOuter->nTraceDepth >= cLaunch.nMaxTraceDepth)
-        return cLaunch.Fail(cudaErrorLaunchFailure, "optixTrace nested deeper than the pipeline's maxTraceDepth " +
-                                                        std::to_string(cLaunch.nMaxTraceDepth));
+        return cLaunch.Fail(cudaErrorLaunchFailure,
+                            "optixTrace nested deeper than the pipeline's maxTraceDepth " +
+                                std::to_string(cLaunch.nMaxTraceDepth));
     if (nPayloadValues > cLaunch.nPayloadValues)
         return cLaunch.Fail(cudaErrorLaunchFailure, "optixTrace passes " + std::to_string(nPayloadValues) +
                                                         " payload values, the pipeline was compiled for " +
                                                         std::to_string(cLaunch.nPayloadValues));
     if (uRayFlags & ~c_uSupportedRayFlags)
         return cLaunch.Fail(cudaErrorLaunchFailure,
-                            "optixTrace: the stand-in does not support the ray flags " + std::to_string(uRayFlags));
+                            "optixTrace: the stand-in does not support the ray flags " +
+                                std::to_string(uRayFlags));
     const Scene* pScene = FindScene(cLaunch, hTraversable);
     if (!pScene)
-        return cLaunch.Fail(cudaErrorIllegalAddress, "optixTrace: " + std::to_string(hTraversable) +
-                                                         " is not the handle of a built acceleration structure");
+        return cLaunch.Fail(cudaErrorIllegalAddress,
+                            "optixTrace: " + std::to_string(hTraversable) +
+                                " is not the handle of a built acceleration structure");
     // One SBT record per geometry, no instances: the hit group is the trace's SBT offset.
     if (iSbtOffset >= cLaunch.aHitGroups.size() || !cLaunch.aHitGroups[iSbtOffset].bValid)
         return cLaunch.Fail(cudaErrorLaunchFailure, "optixTrace: no valid hit group record at SBT index " +
@@ -218,14 +189,13 @@ void Trace(OptixTraversableHandle hTraversable, float3 origin, float3 direction,
     cRayHit.ray.dir_y = direction.y;
     cRayHit.ray.dir_z = direction.z;
     cRayHit.ray.time = 0.0f;
-    cRayHit.ray.tfar = EmbreeTfar(fTmax);
+    cRayHit.ray.tfar = fTmax;
     cRayHit.ray.mask = 0xFFFFFFFFu;
     cRayHit.ray.id = 0;
     cRayHit.ray.flags = 0;
     cRayHit.hit.geomID = RTC_INVALID_GEOMETRY_ID;
     cRayHit.hit.primID = RTC_INVALID_GEOMETRY_ID;
     cRayHit.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
-    float fHitDistance = fTmax;
 
     // An empty or NaN interval, or a ray Embree cannot take, meets nothing.
     if (fTmin <= fTmax && IsTraceable(origin) && IsTraceable(direction))
@@ -236,42 +206,12 @@ void Trace(OptixTraversableHandle hTraversable, float3 origin, float3 direction,
         cContext.pScene = pScene;
         cContext.pHitGroup = &cHitGroup;
         cContext.bEnforceAnyHit = (uRayFlags & OPTIX_RAY_FLAG_ENFORCE_ANYHIT) != 0;
-        cContext.origin = origin;
-        cContext.direction = direction;
-        cContext.fTmin = fTmin;
-        cContext.fTmax = fTmax;
-        cContext.fAccepted = fTmax;
         const bool bAnyHit = cHitGroup.fnAnyHit &&
                              (cContext.bEnforceAnyHit ||
                               (!(uRayFlags & OPTIX_RAY_FLAG_DISABLE_ANYHIT) && pScene->AnyHitPossible()));
         if (bAnyHit)
-        {
-            // The filter checks every candidate's exact distance and runs the any-hit program.
             cContext.rtc.filter = &AnyHitFilter;
-            rtcIntersect1(pScene->Handle(), &cContext.rtc, &cRayHit);
-            fHitDistance = cContext.fAccepted;
-        }
-        else
-        {
-            // Without a filter the nearest candidate decides: beyond tmax nothing nearer exists; short of
-            // tmin (by Embree's rounding) the search goes on behind it.
-            for (int iAttempt = 0; iAttempt < 4; ++iAttempt)
-            {
-                rtcIntersect1(pScene->Handle(), &cContext.rtc, &cRayHit);
-                if (cRayHit.hit.geomID == RTC_INVALID_GEOMETRY_ID)
-                    break;
-                fHitDistance = ExactDistance(pScene->Geometry(cRayHit.hit.geomID), cRayHit.hit.primID, origin,
-                                             direction, cRayHit.ray.tfar);
-                if (fHitDistance >= fTmin && fHitDistance <= fTmax)
-                    break;
-                const bool bShort = fHitDistance < fTmin;
-                cRayHit.ray.tnear = cRayHit.ray.tfar;
-                cRayHit.ray.tfar = EmbreeTfar(fTmax);
-                cRayHit.hit.geomID = RTC_INVALID_GEOMETRY_ID;
-                if (!bShort)
-                    break;
-            }
-        }
+        rtcIntersect1(pScene->Handle(), &cContext.rtc, &cRayHit);
     }
 
     if (!cLaunch.bFailed.load(std::memory_order_relaxed))
@@ -282,7 +222,7 @@ void Trace(OptixTraversableHandle hTraversable, float3 origin, float3 direction,
             {
                 cInner.iPrimitive =
                     cRayHit.hit.primID + pScene->Geometry(cRayHit.hit.geomID).iPrimitiveIndexOffset;
-                cInner.fRayTmax = fHitDistance;
+                cInner.fRayTmax = cRayHit.ray.tfar;
                 cInner.pSbtData = cHitGroup.pData;
                 cHitGroup.fnClosestHit();
             }
