@@ -20,9 +20,11 @@ typedef struct OptixPipeline_t* OptixPipeline;
 typedef unsigned long long OptixTraversableHandle;
 typedef unsigned int OptixVisibilityMask;
 
+// Enums carry a fixed underlying type, as their 4-byte ABI does: any value a caller passes is a valid value
+// to check, not undefined behaviour.
 typedef void (*OptixLogCallback)(unsigned int level, const char* tag, const char* message, void* cbdata);
 
-enum OptixResult
+enum OptixResult : int
 {
     OPTIX_SUCCESS = 0,
     OPTIX_ERROR_INVALID_VALUE = 7001,
@@ -68,7 +70,7 @@ enum OptixResult
     OPTIX_ERROR_UNKNOWN = 7999
 };
 
-enum OptixDeviceProperty
+enum OptixDeviceProperty : int
 {
     OPTIX_DEVICE_PROPERTY_LIMIT_MAX_TRACE_DEPTH = 0x2001,
     OPTIX_DEVICE_PROPERTY_LIMIT_MAX_TRAVERSABLE_GRAPH_DEPTH = 0x2002,
@@ -94,7 +96,7 @@ enum OptixDeviceContextValidationMode : unsigned int
     OPTIX_DEVICE_CONTEXT_VALIDATION_MODE_ALL = 0xFFFFFFFFu
 };
 
-enum OptixCompileOptimizationLevel
+enum OptixCompileOptimizationLevel : int
 {
     OPTIX_COMPILE_OPTIMIZATION_DEFAULT = 0,
     OPTIX_COMPILE_OPTIMIZATION_LEVEL_0 = 0x2340,
@@ -103,7 +105,7 @@ enum OptixCompileOptimizationLevel
     OPTIX_COMPILE_OPTIMIZATION_LEVEL_3 = 0x2343
 };
 
-enum OptixCompileDebugLevel
+enum OptixCompileDebugLevel : int
 {
     OPTIX_COMPILE_DEBUG_LEVEL_DEFAULT = 0,
     OPTIX_COMPILE_DEBUG_LEVEL_NONE = 0x2350,
@@ -112,14 +114,14 @@ enum OptixCompileDebugLevel
     OPTIX_COMPILE_DEBUG_LEVEL_MODERATE = 0x2353
 };
 
-enum OptixTraversableGraphFlags
+enum OptixTraversableGraphFlags : int
 {
     OPTIX_TRAVERSABLE_GRAPH_FLAG_ALLOW_ANY = 0,
     OPTIX_TRAVERSABLE_GRAPH_FLAG_ALLOW_SINGLE_GAS = 1,
     OPTIX_TRAVERSABLE_GRAPH_FLAG_ALLOW_SINGLE_LEVEL_INSTANCING = 2
 };
 
-enum OptixExceptionFlags
+enum OptixExceptionFlags : int
 {
     OPTIX_EXCEPTION_FLAG_NONE = 0,
     OPTIX_EXCEPTION_FLAG_STACK_OVERFLOW = 1,
@@ -145,7 +147,7 @@ enum OptixPrimitiveTypeFlags : unsigned int
     OPTIX_PRIMITIVE_TYPE_FLAGS_TRIANGLE = 0x80000000u
 };
 
-enum OptixProgramGroupKind
+enum OptixProgramGroupKind : int
 {
     OPTIX_PROGRAM_GROUP_KIND_RAYGEN = 0x2421,
     OPTIX_PROGRAM_GROUP_KIND_MISS = 0x2422,
@@ -154,12 +156,12 @@ enum OptixProgramGroupKind
     OPTIX_PROGRAM_GROUP_KIND_CALLABLES = 0x2425
 };
 
-enum OptixProgramGroupFlags
+enum OptixProgramGroupFlags : int
 {
     OPTIX_PROGRAM_GROUP_FLAGS_NONE = 0
 };
 
-enum OptixBuildFlags
+enum OptixBuildFlags : int
 {
     OPTIX_BUILD_FLAG_NONE = 0,
     OPTIX_BUILD_FLAG_ALLOW_UPDATE = 0x1,
@@ -172,20 +174,20 @@ enum OptixBuildFlags
     OPTIX_BUILD_FLAG_ALLOW_DISABLE_OPACITY_MICROMAPS = 0x80
 };
 
-enum OptixBuildOperation
+enum OptixBuildOperation : int
 {
     OPTIX_BUILD_OPERATION_BUILD = 0x2161,
     OPTIX_BUILD_OPERATION_UPDATE = 0x2162
 };
 
-enum OptixMotionFlags
+enum OptixMotionFlags : int
 {
     OPTIX_MOTION_FLAG_NONE = 0,
     OPTIX_MOTION_FLAG_START_VANISH = 1,
     OPTIX_MOTION_FLAG_END_VANISH = 2
 };
 
-enum OptixBuildInputType
+enum OptixBuildInputType : int
 {
     OPTIX_BUILD_INPUT_TYPE_TRIANGLES = 0x2141,
     OPTIX_BUILD_INPUT_TYPE_CUSTOM_PRIMITIVES = 0x2142,
@@ -195,7 +197,7 @@ enum OptixBuildInputType
     OPTIX_BUILD_INPUT_TYPE_SPHERES = 0x2146
 };
 
-enum OptixVertexFormat
+enum OptixVertexFormat : int
 {
     OPTIX_VERTEX_FORMAT_NONE = 0,
     OPTIX_VERTEX_FORMAT_FLOAT3 = 0x2121,
@@ -206,7 +208,7 @@ enum OptixVertexFormat
     OPTIX_VERTEX_FORMAT_SNORM16_2 = 0x2126
 };
 
-enum OptixIndicesFormat
+enum OptixIndicesFormat : int
 {
     OPTIX_INDICES_FORMAT_NONE = 0,
     OPTIX_INDICES_FORMAT_UNSIGNED_BYTE3 = 0x2101,
@@ -214,13 +216,13 @@ enum OptixIndicesFormat
     OPTIX_INDICES_FORMAT_UNSIGNED_INT3 = 0x2103
 };
 
-enum OptixTransformFormat
+enum OptixTransformFormat : int
 {
     OPTIX_TRANSFORM_FORMAT_NONE = 0,
     OPTIX_TRANSFORM_FORMAT_MATRIX_FLOAT12 = 0x21E1
 };
 
-enum OptixGeometryFlags
+enum OptixGeometryFlags : int
 {
     OPTIX_GEOMETRY_FLAG_NONE = 0,
     OPTIX_GEOMETRY_FLAG_DISABLE_ANYHIT = 1,
@@ -228,13 +230,13 @@ enum OptixGeometryFlags
     OPTIX_GEOMETRY_FLAG_DISABLE_TRIANGLE_FACE_CULLING = 4
 };
 
-enum OptixAccelPropertyType
+enum OptixAccelPropertyType : int
 {
     OPTIX_PROPERTY_TYPE_COMPACTED_SIZE = 0x2181,
     OPTIX_PROPERTY_TYPE_AABBS = 0x2182
 };
 
-enum OptixRayFlags
+enum OptixRayFlags : int
 {
     OPTIX_RAY_FLAG_NONE = 0,
     OPTIX_RAY_FLAG_DISABLE_ANYHIT = 0x1,
@@ -248,7 +250,7 @@ enum OptixRayFlags
     OPTIX_RAY_FLAG_FORCE_OPACITY_MICROMAP_2_STATE = 0x400
 };
 
-enum OptixPayloadTypeID
+enum OptixPayloadTypeID : int
 {
     OPTIX_PAYLOAD_TYPE_DEFAULT = 0,
     OPTIX_PAYLOAD_TYPE_ID_0 = 1 << 0,
@@ -261,7 +263,7 @@ enum OptixPayloadTypeID
     OPTIX_PAYLOAD_TYPE_ID_7 = 1 << 7
 };
 
-enum OptixQueryFunctionTableOptions
+enum OptixQueryFunctionTableOptions : int
 {
     OPTIX_QUERY_FUNCTION_TABLE_OPTION_DUMMY = 0
 };
