@@ -3,4 +3,4 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/build.sh default
-./build/default/bin/raycast demo --output demo-output "$@"
+./build/default/bin/raycast demo --output-dir demo-output "$@"

@@ -20,10 +20,10 @@ typedef struct OptixPipeline_t* OptixPipeline;
 typedef unsigned long long OptixTraversableHandle;
 typedef unsigned int OptixVisibilityMask;
 
-// Enums carry a fixed underlying type, as their 4-byte ABI does: any value a caller passes is a valid value
-// to check, not undefined behaviour.
 typedef void (*OptixLogCallback)(unsigned int level, const char* tag, const char* message, void* cbdata);
 
+// Enums carry a fixed underlying type, as their 4-byte ABI does: any value a caller passes is a valid value
+// to check, not undefined behaviour.
 enum OptixResult : int
 {
     OPTIX_SUCCESS = 0,

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <limits>
 
@@ -139,9 +140,11 @@ TEST_F(TraceTest, IntervalIncludesBothEnds)
         float fTmin, fTmax;
         bool bHit;
     };
-    const Case aCases[] = {{0.0f, 1.0f, true},    {0.0f, fBelow, false}, {1.0f, 5.0f, true},
-                           {fAbove, 5.0f, false}, {1.0f, 1.0f, true},    {2.0f, 1.5f, false},
-                           {0.0f, NAN, false},    {NAN, 5.0f, false}};
+    const Case aCases[] = {{0.0f, 1.0f, true},     {0.0f, fBelow, false},       {1.0f, 5.0f, true},
+                           {fAbove, 5.0f, false},  {1.0f, 1.0f, true},          {2.0f, 1.5f, false},
+                           {0.0f, NAN, false},     {NAN, 5.0f, false},          {0.0f, FLT_MAX, true},
+                           {0.0f, INFINITY, true}, {INFINITY, INFINITY, false}, {-5.0f, -1.0f, false},
+                           {-5.0f, 5.0f, true},    {0.0f, -INFINITY, false}};
     for (const Case& cCase : aCases)
     {
         ASSERT_EQ(Trace(cGas, cRay, Interval(cCase.fTmin, cCase.fTmax)), cudaSuccess);
