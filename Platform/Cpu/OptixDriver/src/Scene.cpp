@@ -90,8 +90,13 @@ std::string SceneStore::Build(OptixTraversableHandle hTraversable, const std::ve
     if (hScene)
     {
         rtcSetSceneBuildQuality(hScene, RTC_BUILD_QUALITY_MEDIUM);
-        rtcSetSceneFlags(hScene, static_cast<RTCSceneFlags>(RTC_SCENE_FLAG_ROBUST |
-                                                            RTC_SCENE_FLAG_CONTEXT_FILTER_FUNCTION));
+        // Embree's traversal is faster without filter support, which only any-hit programs need.
+        bool bAnyHitPossible = false;
+        for (const TriangleInput& cInput : aInputs)
+            bAnyHitPossible |= (cInput.uGeometryFlags & OPTIX_GEOMETRY_FLAG_DISABLE_ANYHIT) == 0;
+        rtcSetSceneFlags(hScene, bAnyHitPossible ? static_cast<RTCSceneFlags>(RTC_SCENE_FLAG_ROBUST |
+                                                                              RTC_SCENE_FLAG_CONTEXT_FILTER_FUNCTION)
+                                                 : RTC_SCENE_FLAG_ROBUST);
         for (size_t i = 0; i < aInputs.size(); ++i)
         {
             aGeometries[i] = GeometryInfo{aInputs[i].uGeometryFlags, aInputs[i].iPrimitiveIndexOffset};
