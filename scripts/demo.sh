@@ -3,4 +3,5 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/build.sh default
+mkdir -p demo-output
 ./build/default/bin/raycast demo --output-dir demo-output "$@"
