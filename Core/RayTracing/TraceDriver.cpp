@@ -142,9 +142,6 @@ ErrorResult TraceDriver::TraceRun(RunState& run)
 
     bMerge = false;
     nTotalHits = 0;
-    OptixAccelBuildOptions accel_options = {};
-    accel_options.buildFlags = OPTIX_BUILD_FLAG_NONE;
-    accel_options.operation = OPTIX_BUILD_OPERATION_BUILD;
     for (std::size_t iStart = 0; iStart < nTriangles;)
     {
         const std::size_t iEnd = std::min<std::size_t>(iStart + nTrianglesPerChunk, nTriangles);
@@ -224,7 +221,6 @@ ErrorResult TraceDriver::CreatePipeline(RunState& run, std::uint64_t nBudget)
     CHECK_OPTIX_LOG(optixModuleCreate( context.get(), &module_compile_options, &pipeline_compile_options, bAllHits ? iRun == (uint8_t)0 ? c_sOptixTriangleCountHits2 : c_sOptixTriangleAllHits2 : bIndices ? bFirstHitOnly ? c_sOptixTriangleOneHit2 : c_sOptixTriangleTwoHits4 : bFirstHitOnly ? c_sOptixTriangleOneHitDistance1 : c_sOptixTriangleTwoHitsDistance2, inputSize, LOG, &LOG_SIZE, &module_raw));
     // clang-format on
     run.module.reset(module_raw);
-    (void)sModuleText;
 
     OptixProgramGroupOptions program_group_options = {};
     OptixProgramGroupDesc raygen_prog_group_desc = {};
