@@ -1,6 +1,7 @@
 #include "DeviceMemory.h"
 
 #include <cstdlib>
+#include <iterator>
 
 namespace RayTracingCpu::StandIn
 {
@@ -8,6 +9,12 @@ namespace
 {
 // cudaMalloc guarantees 256-byte alignment; code that relies on it must find it here too.
 constexpr std::size_t c_nAlignment = 256;
+// Under AddressSanitizer every release goes back to the host, so a use after release is still reported.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr std::size_t c_nCacheLimit = 0;
+#else
+constexpr std::size_t c_nCacheLimit = std::size_t(1) << 30;
+#endif
 } // namespace
 
 DeviceMemory::~DeviceMemory()
@@ -15,6 +22,21 @@ DeviceMemory::~DeviceMemory()
     // Blocks still live here were leaked by their owner; LiveDeviceBytes has reported them.
     for (const auto& [nAddress, nBytes] : m_aBlocks)
         std::free(reinterpret_cast<void*>(nAddress));
+    for (const auto& [nBytes, pBlock] : m_aCached)
+        std::free(pBlock);
+}
+
+void* DeviceMemory::TakeCachedBlock(std::size_t& nRounded)
+{
+    // A block at most a quarter larger than asked for; the same sizes recur from call to call.
+    const auto it = m_aCached.lower_bound(nRounded);
+    if (it == m_aCached.end() || it->first > nRounded + nRounded / 4)
+        return nullptr;
+    void* pBlock = it->second;
+    nRounded = it->first;
+    m_nCachedBytes -= it->first;
+    m_aCached.erase(it);
+    return pBlock;
 }
 
 cudaError_t DeviceMemory::Allocate(std::size_t nBytes, std::uint64_t nFreeMemory, void** ppBlock)
@@ -26,10 +48,13 @@ cudaError_t DeviceMemory::Allocate(std::size_t nBytes, std::uint64_t nFreeMemory
     if (m_nLiveBytes > nFreeMemory || nBytes > nFreeMemory - m_nLiveBytes || nBytes > SIZE_MAX - c_nAlignment)
         return cudaErrorMemoryAllocation;
     std::size_t nRounded = (nBytes + c_nAlignment - 1) / c_nAlignment * c_nAlignment;
-    void* pBlock = std::aligned_alloc(c_nAlignment, nRounded);
+    void* pBlock = TakeCachedBlock(nRounded);
+    if (!pBlock)
+        pBlock = std::aligned_alloc(c_nAlignment, nRounded);
     if (!pBlock)
         return cudaErrorMemoryAllocation;
     m_aBlocks.emplace(reinterpret_cast<std::uintptr_t>(pBlock), nBytes);
+    m_aCapacities[reinterpret_cast<std::uintptr_t>(pBlock)] = nRounded;
     m_nLiveBytes += nBytes;
     *ppBlock = pBlock;
     return cudaSuccess;
@@ -56,7 +81,25 @@ cudaError_t DeviceMemory::Detach(void* pBlock)
 
 void DeviceMemory::ReleaseDetached(void* pBlock)
 {
-    std::free(pBlock);
+    std::lock_guard<std::mutex> cLock(m_mutex);
+    const auto it = m_aCapacities.find(reinterpret_cast<std::uintptr_t>(pBlock));
+    const std::size_t nCapacity = it->second;
+    m_aCapacities.erase(it);
+    if (nCapacity > c_nCacheLimit)
+    {
+        std::free(pBlock);
+        return;
+    }
+    // Oldest-size-first eviction is not worth it: drop the largest blocks until the new one fits.
+    while (m_nCachedBytes + nCapacity > c_nCacheLimit && !m_aCached.empty())
+    {
+        const auto itLargest = std::prev(m_aCached.end());
+        m_nCachedBytes -= itLargest->first;
+        std::free(itLargest->second);
+        m_aCached.erase(itLargest);
+    }
+    m_aCached.emplace(nCapacity, pBlock);
+    m_nCachedBytes += nCapacity;
 }
 
 bool DeviceMemory::Contains(const void* p, std::size_t nBytes) const

@@ -27,11 +27,20 @@ public:
     bool Contains(const void* p, std::size_t nBytes) const;
     std::uint64_t LiveBytes() const;
 
-    static void ReleaseDetached(void* pBlock);
+    // Returns a detached block to the host, or keeps it for reuse.
+    void ReleaseDetached(void* pBlock);
 
 private:
+    // A cached block of at least nRounded bytes, or null; nRounded becomes the block's capacity.
+    void* TakeCachedBlock(std::size_t& nRounded);
+
     mutable std::mutex m_mutex;
-    std::map<std::uintptr_t, std::size_t> m_aBlocks; // start address -> size in bytes
+    std::map<std::uintptr_t, std::size_t> m_aBlocks;     // start address -> size in bytes
+    std::map<std::uintptr_t, std::size_t> m_aCapacities; // start address -> bytes the host block holds
+    // Released blocks kept like a memory pool keeps them, so that repeated calls do not fault in fresh pages
+    // each time; never counted as live.
+    std::multimap<std::size_t, void*> m_aCached;
+    std::size_t m_nCachedBytes = 0;
     std::uint64_t m_nLiveBytes = 0;
 };
 } // namespace RayTracingCpu::StandIn

@@ -246,7 +246,7 @@ cudaError_t cudaFreeAsync(void* devPtr, cudaStream_t hStream)
     // the block itself stays valid until the stream reaches the release.
     if (cudaError_t nError = Runtime::Get().Memory().Detach(devPtr))
         return Report(nError);
-    RunOn(pStream, [devPtr] { RayTracingCpu::StandIn::DeviceMemory::ReleaseDetached(devPtr); });
+    RunOn(pStream, [devPtr] { Runtime::Get().Memory().ReleaseDetached(devPtr); });
     return cudaSuccess;
 }
 
