@@ -11,7 +11,8 @@ template <typename T> T* DevicePointerOrNull(bool bPresent, DeviceBuffer<T>& cBu
 }
 } // namespace
 
-ErrorResult TraceDriver::ProcessBatch(RunState& run, std::size_t iBatchStart, std::size_t iBatchEnd, std::size_t iBatch)
+ErrorResult TraceDriver::ProcessBatch(RunState& run, std::size_t iBatchStart, std::size_t iBatchEnd,
+                                      std::size_t iBatch)
 {
     auto& d_ray_origins = run.d_ray_origins;
     auto& d_ray_directions = run.d_ray_directions;
@@ -89,8 +90,8 @@ ErrorResult TraceDriver::ProcessBatch(RunState& run, std::size_t iBatchStart, st
     // clang-format on
 
     SbtRecord raygen_record = {};
-    run.cResult =
-        MakeOptixError(optixSbtRecordPackHeader(run.raygen_prog_group.get(), &raygen_record), "optixSbtRecordPackHeader");
+    run.cResult = MakeOptixError(optixSbtRecordPackHeader(run.raygen_prog_group.get(), &raygen_record),
+                                 "optixSbtRecordPackHeader");
     if (run.cResult.first != Success)
         return run.cResult;
 
@@ -131,8 +132,8 @@ ErrorResult TraceDriver::ProcessBatch(RunState& run, std::size_t iBatchStart, st
     {
         LaunchParamsCountHits2 params = {};
         params.pRayCountHits = d_ray_count_hits.data();
-        cLaunch = LaunchBatch(run, params, iRun == 0 ? "optixLaunchCountHits2" : "optixLaunchAllHits2", nProcessRays,
-                              iBatch, raygen_record);
+        cLaunch = LaunchBatch(run, params, iRun == 0 ? "optixLaunchCountHits2" : "optixLaunchAllHits2",
+                              nProcessRays, iBatch, raygen_record);
     }
     if (cLaunch.first != Success)
         return cLaunch;
@@ -177,16 +178,17 @@ ErrorResult TraceDriver::ProcessBatch(RunState& run, std::size_t iBatchStart, st
 }
 
 template <typename TParams>
-ErrorResult TraceDriver::LaunchBatch(RunState& run, TParams& params, const char* sLaunchName, std::size_t nProcessRays,
-                                     std::size_t iBatch, SbtRecord& raygen_record)
+ErrorResult TraceDriver::LaunchBatch(RunState& run, TParams& params, const char* sLaunchName,
+                                     std::size_t nProcessRays, std::size_t iBatch, SbtRecord& raygen_record)
 {
     // The collecting run's hit group carries the batch's stretch of the hit list.
     DeviceRecord<SbtRecord> d_hitgroup_batch_record;
     if (bAllHits && iRun == 1)
     {
         SbtRecord hitgroup_record = {};
-        run.cResult = MakeOptixError(optixSbtRecordPackHeader(run.hitgroup_prog_group.get(), &hitgroup_record),
-                                     "optixSbtRecordPackHeader");
+        run.cResult =
+            MakeOptixError(optixSbtRecordPackHeader(run.hitgroup_prog_group.get(), &hitgroup_record),
+                           "optixSbtRecordPackHeader");
         if (run.cResult.first != Success)
             return run.cResult;
         hitgroup_record.aData[0] = reinterpret_cast<unsigned long long>(run.d_ray_all_hits.data());

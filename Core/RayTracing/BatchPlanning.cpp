@@ -11,7 +11,8 @@ std::uint64_t ComputeRaysPerBatch(std::uint64_t nRays, std::uint64_t nBudget, st
         return 0;
     const std::uint64_t nBatches = (nRays + nMaxRays - 1) / nMaxRays;
     std::uint64_t nRaysPerBatch = (nRays + nBatches - 1) / nBatches;
-    nRaysPerBatch = (nRaysPerBatch + c_nRayBatchGranularity - 1) / c_nRayBatchGranularity * c_nRayBatchGranularity;
+    nRaysPerBatch =
+        (nRaysPerBatch + c_nRayBatchGranularity - 1) / c_nRayBatchGranularity * c_nRayBatchGranularity;
     return std::min(nRaysPerBatch, c_nMaximumRaysPerBatch);
 }
 

@@ -8,9 +8,9 @@
 
 #include "RayTracing.h"
 
-constexpr std::uint64_t c_nMinimumRaysPerBatch = 1048576;     // 2^20: the budget must hold at least these
+constexpr std::uint64_t c_nMinimumRaysPerBatch = 1048576; // 2^20: the budget must hold at least these
 constexpr std::uint64_t c_nRayBatchGranularity = 256;
-constexpr std::uint64_t c_nMaximumRaysPerBatch = 1073741824;  // 2^30: fits the 32-bit launch width
+constexpr std::uint64_t c_nMaximumRaysPerBatch = 1073741824;      // 2^30: fits the 32-bit launch width
 constexpr std::uint64_t c_nMaximumHitsPerDeviceSort = 2147483647; // CUB's 32-bit item count
 
 // Rays per batch: the fewest batches that fit nBudget, rays spread evenly, a multiple of 256, at most 2^30.

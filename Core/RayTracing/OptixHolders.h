@@ -14,7 +14,8 @@ template <typename T> using OptixHolder = std::unique_ptr<T, std::function<void(
 // A holder whose deleter destroys the handle and records a failed destroy in cRunningResult, but only while
 // nothing failed before: the first failure wins. Never throws.
 template <typename T>
-OptixHolder<T> MakeOptixHolder(ErrorResult& cRunningResult, OptixResult (*pDestroy)(T*), const char* sReleaseCall)
+OptixHolder<T> MakeOptixHolder(ErrorResult& cRunningResult, OptixResult (*pDestroy)(T*),
+                               const char* sReleaseCall)
 {
     return OptixHolder<T>(nullptr,
                           [&cRunningResult, pDestroy, sReleaseCall](T* pHandle)

@@ -20,15 +20,24 @@ const char* FallbackErrorName(OptixResult nResult)
 {
     switch (nResult)
     {
-    case OPTIX_SUCCESS: return "OPTIX_SUCCESS";
-    case OPTIX_ERROR_INVALID_VALUE: return "OPTIX_ERROR_INVALID_VALUE";
-    case OPTIX_ERROR_UNSUPPORTED_ABI_VERSION: return "OPTIX_ERROR_UNSUPPORTED_ABI_VERSION";
-    case OPTIX_ERROR_FUNCTION_TABLE_SIZE_MISMATCH: return "OPTIX_ERROR_FUNCTION_TABLE_SIZE_MISMATCH";
-    case OPTIX_ERROR_INVALID_ENTRY_FUNCTION_OPTIONS: return "OPTIX_ERROR_INVALID_ENTRY_FUNCTION_OPTIONS";
-    case OPTIX_ERROR_LIBRARY_NOT_FOUND: return "OPTIX_ERROR_LIBRARY_NOT_FOUND";
-    case OPTIX_ERROR_ENTRY_SYMBOL_NOT_FOUND: return "OPTIX_ERROR_ENTRY_SYMBOL_NOT_FOUND";
-    case OPTIX_ERROR_LIBRARY_UNLOAD_FAILURE: return "OPTIX_ERROR_LIBRARY_UNLOAD_FAILURE";
-    default: return "Unknown OptixResult code";
+    case OPTIX_SUCCESS:
+        return "OPTIX_SUCCESS";
+    case OPTIX_ERROR_INVALID_VALUE:
+        return "OPTIX_ERROR_INVALID_VALUE";
+    case OPTIX_ERROR_UNSUPPORTED_ABI_VERSION:
+        return "OPTIX_ERROR_UNSUPPORTED_ABI_VERSION";
+    case OPTIX_ERROR_FUNCTION_TABLE_SIZE_MISMATCH:
+        return "OPTIX_ERROR_FUNCTION_TABLE_SIZE_MISMATCH";
+    case OPTIX_ERROR_INVALID_ENTRY_FUNCTION_OPTIONS:
+        return "OPTIX_ERROR_INVALID_ENTRY_FUNCTION_OPTIONS";
+    case OPTIX_ERROR_LIBRARY_NOT_FOUND:
+        return "OPTIX_ERROR_LIBRARY_NOT_FOUND";
+    case OPTIX_ERROR_ENTRY_SYMBOL_NOT_FOUND:
+        return "OPTIX_ERROR_ENTRY_SYMBOL_NOT_FOUND";
+    case OPTIX_ERROR_LIBRARY_UNLOAD_FAILURE:
+        return "OPTIX_ERROR_LIBRARY_UNLOAD_FAILURE";
+    default:
+        return "Unknown OptixResult code";
     }
 }
 
@@ -36,20 +45,30 @@ const char* FallbackErrorString(OptixResult nResult)
 {
     switch (nResult)
     {
-    case OPTIX_SUCCESS: return "Success";
-    case OPTIX_ERROR_INVALID_VALUE: return "Invalid value";
-    case OPTIX_ERROR_UNSUPPORTED_ABI_VERSION: return "Unsupported ABI version";
-    case OPTIX_ERROR_FUNCTION_TABLE_SIZE_MISMATCH: return "Function table size mismatch";
-    case OPTIX_ERROR_INVALID_ENTRY_FUNCTION_OPTIONS: return "Invalid options to entry function";
-    case OPTIX_ERROR_LIBRARY_NOT_FOUND: return "Library not found";
-    case OPTIX_ERROR_ENTRY_SYMBOL_NOT_FOUND: return "Entry symbol not found";
-    case OPTIX_ERROR_LIBRARY_UNLOAD_FAILURE: return "Library could not be unloaded";
-    default: return "Unknown OptixResult code";
+    case OPTIX_SUCCESS:
+        return "Success";
+    case OPTIX_ERROR_INVALID_VALUE:
+        return "Invalid value";
+    case OPTIX_ERROR_UNSUPPORTED_ABI_VERSION:
+        return "Unsupported ABI version";
+    case OPTIX_ERROR_FUNCTION_TABLE_SIZE_MISMATCH:
+        return "Function table size mismatch";
+    case OPTIX_ERROR_INVALID_ENTRY_FUNCTION_OPTIONS:
+        return "Invalid options to entry function";
+    case OPTIX_ERROR_LIBRARY_NOT_FOUND:
+        return "Library not found";
+    case OPTIX_ERROR_ENTRY_SYMBOL_NOT_FOUND:
+        return "Entry symbol not found";
+    case OPTIX_ERROR_LIBRARY_UNLOAD_FAILURE:
+        return "Library could not be unloaded";
+    default:
+        return "Unknown OptixResult code";
     }
 }
 
-using QueryFunctionTable = OptixResult(int abiId, unsigned int numOptions, OptixQueryFunctionTableOptions* optionKeys,
-                                       const void** optionValues, void* functionTable, size_t sizeOfTable);
+using QueryFunctionTable = OptixResult(int abiId, unsigned int numOptions,
+                                       OptixQueryFunctionTableOptions* optionKeys, const void** optionValues,
+                                       void* functionTable, size_t sizeOfTable);
 
 #if defined(_WIN32)
 // The published search: the system directory first, then the OpenGL driver folder of every present
@@ -83,8 +102,8 @@ HMODULE LoadOptixLibrary()
             continue;
         char aValue[MAX_PATH] = {};
         DWORD nValueSize = sizeof(aValue);
-        const LSTATUS nStatus =
-            RegQueryValueExA(hKey, "OpenGLDriverName", nullptr, nullptr, reinterpret_cast<LPBYTE>(aValue), &nValueSize);
+        const LSTATUS nStatus = RegQueryValueExA(hKey, "OpenGLDriverName", nullptr, nullptr,
+                                                 reinterpret_cast<LPBYTE>(aValue), &nValueSize);
         RegCloseKey(hKey);
         if (nStatus != ERROR_SUCCESS)
             continue;
@@ -135,5 +154,6 @@ OptixResult optixInit()
     if (!pSymbol)
         return OPTIX_ERROR_ENTRY_SYMBOL_NOT_FOUND;
     auto* pQuery = reinterpret_cast<QueryFunctionTable*>(pSymbol);
-    return pQuery(OPTIX_ABI_VERSION, 0, nullptr, nullptr, &g_optixFunctionTable, sizeof(g_optixFunctionTable));
+    return pQuery(OPTIX_ABI_VERSION, 0, nullptr, nullptr, &g_optixFunctionTable,
+                  sizeof(g_optixFunctionTable));
 }

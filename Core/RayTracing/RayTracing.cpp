@@ -50,7 +50,8 @@ RayTracingErrorType RayTracing(RayTracingResults& cRayTracingResults, std::uint6
     {
         if (nTriangles == 0)
         {
-            std::fill_n(cRayTracingResults.pCountHits, nRays + (cRayTracingResults.bCollectAllHits ? 1 : 0), 0);
+            std::fill_n(cRayTracingResults.pCountHits, nRays + (cRayTracingResults.bCollectAllHits ? 1 : 0),
+                        0);
             return Success;
         }
         if (pDirection == nullptr)
@@ -132,9 +133,10 @@ RayTracingErrorType RayTracing(RayTracingResults& cRayTracingResults, std::uint6
     RayTracingErrorType nResult = Success;
     try
     {
-        TraceDriver cDriver(cRayTracingResults, nTriangles, pTriangles, nRays, pOrigin, pDirection, pDistance, iGpuId,
-                            bDiagnostics, fMaxDistance, nFreeGPUMemory, aLog, cStream, bMemoryPoolsSupported, bCC75,
-                            uGeometryFlags, bAllHits, bIndices, bFirstHitOnly, nBytesPerRay);
+        TraceDriver cDriver(cRayTracingResults, nTriangles, pTriangles, nRays, pOrigin, pDirection, pDistance,
+                            iGpuId, bDiagnostics, fMaxDistance, nFreeGPUMemory, aLog, cStream,
+                            bMemoryPoolsSupported, bCC75, uGeometryFlags, bAllHits, bIndices, bFirstHitOnly,
+                            nBytesPerRay);
         const ErrorResult cResult = cDriver.Run();
         nResult = cResult.first;
         sError = cResult.second;

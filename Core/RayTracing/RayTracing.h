@@ -41,10 +41,11 @@ struct RayTracingResults
 
 // Answers one ray-casting request synchronously; see README.md for the contract.
 RAYTRACING_API RayTracingErrorType RayTracing(RayTracingResults& cRayTracingResults, std::uint64_t nTriangles,
-                                              const float* pTriangles, std::uint64_t nRays, const float* pOrigin,
-                                              const float* pDirection, const float* pDistance, int iGpuId,
-                                              std::string& sLog, std::string& sError, bool bDiagnostics,
-                                              float fMaxDistance, std::uint64_t nFreeGPUMemory);
+                                              const float* pTriangles, std::uint64_t nRays,
+                                              const float* pOrigin, const float* pDirection,
+                                              const float* pDistance, int iGpuId, std::string& sLog,
+                                              std::string& sError, bool bDiagnostics, float fMaxDistance,
+                                              std::uint64_t nFreeGPUMemory);
 
 // Version of the OptiX interface requested from the driver: (9, 0, 0).
 RAYTRACING_API std::tuple<int, int, int> GetOptixVersion();

@@ -10,8 +10,8 @@ void CheckCudaCall(cudaError_t nError, const char* sCall, const char* sFile, uns
     if (nError == cudaSuccess)
         return;
     std::stringstream ss;
-    ss << "CUDA call (" << sCall << " ) failed with error: '" << cudaGetErrorString(nError) << "' (" << sFile << ":"
-       << nLine << ")" << std::endl;
+    ss << "CUDA call (" << sCall << " ) failed with error: '" << cudaGetErrorString(nError) << "' (" << sFile
+       << ":" << nLine << ")" << std::endl;
     throw ss.str();
 }
 

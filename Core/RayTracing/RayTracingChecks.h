@@ -18,7 +18,10 @@
 // {Success, ""} on success, else a code and the finished message.
 using ErrorResult = std::pair<RayTracingErrorType, std::string>;
 
-inline ErrorResult SuccessResult() { return {Success, std::string()}; }
+inline ErrorResult SuccessResult()
+{
+    return {Success, std::string()};
+}
 
 // Throws the message as a std::string when nError is not cudaSuccess.
 void CheckCudaCall(cudaError_t nError, const char* sCall, const char* sFile, unsigned int nLine);

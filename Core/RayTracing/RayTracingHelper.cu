@@ -18,19 +18,25 @@ namespace
 struct AddOffset
 {
     unsigned long long nOffset;
-    __host__ __device__ unsigned long long operator()(unsigned long long nValue) const { return nValue + nOffset; }
+    __host__ __device__ unsigned long long operator()(unsigned long long nValue) const
+    {
+        return nValue + nOffset;
+    }
 };
 
 struct SubtractOffset
 {
     unsigned long long nOffset;
-    __host__ __device__ unsigned long long operator()(unsigned long long nValue) const { return nValue - nOffset; }
+    __host__ __device__ unsigned long long operator()(unsigned long long nValue) const
+    {
+        return nValue - nOffset;
+    }
 };
 } // namespace
 
 template <typename T>
-void SegmentedSortInPlace(unsigned long long n, unsigned long long* pAccumulatedCounts, T* p, cudaStream_t stream,
-                          bool bUseMemoryPool, unsigned long long nFirstOffset)
+void SegmentedSortInPlace(unsigned long long n, unsigned long long* pAccumulatedCounts, T* p,
+                          cudaStream_t stream, bool bUseMemoryPool, unsigned long long nFirstOffset)
 {
     if (n == 0)
         return;
@@ -50,8 +56,8 @@ void SegmentedSortInPlace(unsigned long long n, unsigned long long* pAccumulated
 
     // CUB takes offsets relative to the keys.
     if (nFirstOffset != 0)
-        thrust::transform(StreamPolicy(stream), pAccumulatedCounts, pAccumulatedCounts + n + 1, pAccumulatedCounts,
-                          SubtractOffset{nFirstOffset});
+        thrust::transform(StreamPolicy(stream), pAccumulatedCounts, pAccumulatedCounts + n + 1,
+                          pAccumulatedCounts, SubtractOffset{nFirstOffset});
     {
         DeviceBuffer<T> cResult(stream, bUseMemoryPool);
         cResult.resize(m);
@@ -66,12 +72,13 @@ void SegmentedSortInPlace(unsigned long long n, unsigned long long* pAccumulated
         // clang-format on
     }
     if (nFirstOffset != 0)
-        thrust::transform(StreamPolicy(stream), pAccumulatedCounts, pAccumulatedCounts + n + 1, pAccumulatedCounts,
-                          AddOffset{nFirstOffset});
+        thrust::transform(StreamPolicy(stream), pAccumulatedCounts, pAccumulatedCounts + n + 1,
+                          pAccumulatedCounts, AddOffset{nFirstOffset});
 }
 
-template void SegmentedSortInPlace<float>(unsigned long long n, unsigned long long* pAccumulatedCounts, float* p,
-                                          cudaStream_t stream, bool bUseMemoryPool, unsigned long long nFirstOffset);
+template void SegmentedSortInPlace<float>(unsigned long long n, unsigned long long* pAccumulatedCounts,
+                                          float* p, cudaStream_t stream, bool bUseMemoryPool,
+                                          unsigned long long nFirstOffset);
 
 void AccumulateCountsInPlace(cudaStream_t stream, unsigned long long* p, unsigned long long n,
                              unsigned long long nBase)

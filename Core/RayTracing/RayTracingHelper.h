@@ -7,8 +7,8 @@
 // offsets on the device (entry 0 = absolute position of p[0]); they hold their old values on return.
 // nFirstOffset is entry 0 when known, or all bits set to read it from the device.
 template <typename T>
-void SegmentedSortInPlace(unsigned long long n, unsigned long long* pAccumulatedCounts, T* p, cudaStream_t stream,
-                          bool bUseMemoryPool, unsigned long long nFirstOffset);
+void SegmentedSortInPlace(unsigned long long n, unsigned long long* pAccumulatedCounts, T* p,
+                          cudaStream_t stream, bool bUseMemoryPool, unsigned long long nFirstOffset);
 
 extern template void SegmentedSortInPlace<float>(unsigned long long n, unsigned long long* pAccumulatedCounts,
                                                  float* p, cudaStream_t stream, bool bUseMemoryPool,

@@ -16,7 +16,10 @@
 template <typename T> class DeviceBuffer
 {
 public:
-    DeviceBuffer(cudaStream_t stream, bool bUseMemoryPool) : m_stream(stream), m_bUseMemoryPool(bUseMemoryPool) {}
+    DeviceBuffer(cudaStream_t stream, bool bUseMemoryPool)
+        : m_stream(stream), m_bUseMemoryPool(bUseMemoryPool)
+    {
+    }
     DeviceBuffer(const DeviceBuffer&) = delete;
     DeviceBuffer& operator=(const DeviceBuffer&) = delete;
 

@@ -15,33 +15,38 @@ RunState::RunState(ErrorResult& cRunningResult, cudaStream_t stream, bool bUseMe
     : cResult(cRunningResult),
       context(MakeOptixHolder<OptixDeviceContext_t>(cRunningResult, optixDeviceContextDestroy,
                                                     "optixDeviceContextDestroy(context)")),
-      module(MakeOptixHolder<OptixModule_t>(cRunningResult, optixModuleDestroy, "optixModuleDestroy(module)")),
+      module(
+          MakeOptixHolder<OptixModule_t>(cRunningResult, optixModuleDestroy, "optixModuleDestroy(module)")),
       raygen_prog_group(MakeOptixHolder<OptixProgramGroup_t>(cRunningResult, optixProgramGroupDestroy,
                                                              "optixProgramGroupDestroy(raygen_prog_group)")),
       miss_prog_group(MakeOptixHolder<OptixProgramGroup_t>(cRunningResult, optixProgramGroupDestroy,
                                                            "optixProgramGroupDestroy(miss_prog_group)")),
-      hitgroup_prog_group(MakeOptixHolder<OptixProgramGroup_t>(cRunningResult, optixProgramGroupDestroy,
-                                                               "optixProgramGroupDestroy(hitgroup_prog_group)")),
-      pipeline(MakeOptixHolder<OptixPipeline_t>(cRunningResult, optixPipelineDestroy, "optixPipelineDestroy(pipeline)")),
-      d_gas_temp(stream, bUseMemoryPool), d_gas_output(stream, bUseMemoryPool), d_ray_origins(stream, bUseMemoryPool),
-      d_ray_directions(stream, bUseMemoryPool), d_ray_distances(stream, bUseMemoryPool),
-      d_ray_count_hits(stream, bUseMemoryPool), d_ray_all_hits(stream, bUseMemoryPool),
-      d_ray_first_index(stream, bUseMemoryPool), d_ray_first_hit(stream, bUseMemoryPool),
-      d_ray_last_index(stream, bUseMemoryPool), d_ray_last_hit(stream, bUseMemoryPool)
+      hitgroup_prog_group(MakeOptixHolder<OptixProgramGroup_t>(
+          cRunningResult, optixProgramGroupDestroy, "optixProgramGroupDestroy(hitgroup_prog_group)")),
+      pipeline(MakeOptixHolder<OptixPipeline_t>(cRunningResult, optixPipelineDestroy,
+                                                "optixPipelineDestroy(pipeline)")),
+      d_gas_temp(stream, bUseMemoryPool), d_gas_output(stream, bUseMemoryPool),
+      d_ray_origins(stream, bUseMemoryPool), d_ray_directions(stream, bUseMemoryPool),
+      d_ray_distances(stream, bUseMemoryPool), d_ray_count_hits(stream, bUseMemoryPool),
+      d_ray_all_hits(stream, bUseMemoryPool), d_ray_first_index(stream, bUseMemoryPool),
+      d_ray_first_hit(stream, bUseMemoryPool), d_ray_last_index(stream, bUseMemoryPool),
+      d_ray_last_hit(stream, bUseMemoryPool)
 {
 }
 
-TraceDriver::TraceDriver(RayTracingResults& cRayTracingResults, std::uint64_t nTriangles, const float* pTriangles,
-                         std::uint64_t nRays, const float* pOrigin, const float* pDirection, const float* pDistance,
-                         int iGpuId, bool bDiagnostics, float fMaxDistance, std::uint64_t nFreeGPUMemory,
-                         std::deque<std::string>& aLog, CudaStream& cStream, bool bMemoryPoolsSupported, bool bCC75,
+TraceDriver::TraceDriver(RayTracingResults& cRayTracingResults, std::uint64_t nTriangles,
+                         const float* pTriangles, std::uint64_t nRays, const float* pOrigin,
+                         const float* pDirection, const float* pDistance, int iGpuId, bool bDiagnostics,
+                         float fMaxDistance, std::uint64_t nFreeGPUMemory, std::deque<std::string>& aLog,
+                         CudaStream& cStream, bool bMemoryPoolsSupported, bool bCC75,
                          unsigned int uGeometryFlags, bool bAllHits, bool bIndices, bool bFirstHitOnly,
                          std::uint64_t nBytesPerRay)
     : cRayTracingResults(cRayTracingResults), nTriangles(nTriangles), pTriangles(pTriangles), nRays(nRays),
-      pOrigin(pOrigin), pDirection(pDirection), pDistance(pDistance), iGpuId(iGpuId), bDiagnostics(bDiagnostics),
-      fMaxDistance(fMaxDistance), nFreeGPUMemory(nFreeGPUMemory), aLog(aLog), cStream(cStream),
-      bMemoryPoolsSupported(bMemoryPoolsSupported), bCC75(bCC75), uGeometryFlags(uGeometryFlags),
-      bAllHits(bAllHits), bIndices(bIndices), bFirstHitOnly(bFirstHitOnly), nBytesPerRay(nBytesPerRay)
+      pOrigin(pOrigin), pDirection(pDirection), pDistance(pDistance), iGpuId(iGpuId),
+      bDiagnostics(bDiagnostics), fMaxDistance(fMaxDistance), nFreeGPUMemory(nFreeGPUMemory), aLog(aLog),
+      cStream(cStream), bMemoryPoolsSupported(bMemoryPoolsSupported), bCC75(bCC75),
+      uGeometryFlags(uGeometryFlags), bAllHits(bAllHits), bIndices(bIndices), bFirstHitOnly(bFirstHitOnly),
+      nBytesPerRay(nBytesPerRay)
 {
 }
 
@@ -88,11 +93,12 @@ ErrorResult TraceDriver::TraceRun(RunState& run)
             options.logCallbackData = &aLog;
             options.logCallbackLevel = 1;
             options.validationMode = OPTIX_DEVICE_CONTEXT_VALIDATION_MODE_OFF;
-            run.cResult =
-                MakeOptixError(optixDeviceContextCreate(0, &options, &context_raw), "optixDeviceContextCreateWithDiagnostics");
+            run.cResult = MakeOptixError(optixDeviceContextCreate(0, &options, &context_raw),
+                                         "optixDeviceContextCreateWithDiagnostics");
         }
         else
-            run.cResult = MakeOptixError(optixDeviceContextCreate(0, nullptr, &context_raw), "optixDeviceContextCreate");
+            run.cResult = MakeOptixError(optixDeviceContextCreate(0, nullptr, &context_raw),
+                                         "optixDeviceContextCreate");
         if (run.cResult.first != Success)
             return run.cResult;
         run.context.reset(context_raw);
@@ -111,8 +117,8 @@ ErrorResult TraceDriver::TraceRun(RunState& run)
         OptixAccelBuildOptions accel_options = {};
         accel_options.buildFlags = OPTIX_BUILD_FLAG_NONE;
         accel_options.operation = OPTIX_BUILD_OPERATION_BUILD;
-        const auto cChunk = FindTriangleChunkSize(run.context.get(), nTriangles,
-                                                  nBudget - (nBytesPerRay << 20), uGeometryFlags, accel_options);
+        const auto cChunk = FindTriangleChunkSize(
+            run.context.get(), nTriangles, nBudget - (nBytesPerRay << 20), uGeometryFlags, accel_options);
         nTrianglesPerChunk = cChunk.first;
         nGasBytes = cChunk.second;
         if (nTrianglesPerChunk == 0)
@@ -132,7 +138,8 @@ ErrorResult TraceDriver::TraceRun(RunState& run)
     if (iRun == 1)
     {
         cRayTracingResults.cAllHits.resize(cRayTracingResults.pCountHits[nRays]);
-        aBatchBounds = ComputeBatchBounds(cRayTracingResults.pCountHits, nRays, bSortOnDevice, nBytesPerRay, nBudget);
+        aBatchBounds =
+            ComputeBatchBounds(cRayTracingResults.pCountHits, nRays, bSortOnDevice, nBytesPerRay, nBudget);
         if (aBatchBounds.empty())
             return {OutOfMemory, "Not enough free GPU memory for ray buffers."};
         aStarts.assign(aBatchBounds.size(), 0);
@@ -206,12 +213,13 @@ ErrorResult TraceDriver::CreatePipeline(RunState& run, std::uint64_t nBudget)
     pipeline_compile_options.pipelineLaunchParamsVariableName = nullptr;
     pipeline_compile_options.usesPrimitiveTypeFlags = OPTIX_PRIMITIVE_TYPE_FLAGS_TRIANGLE;
 
-    const char* sModuleText = bAllHits ? iRun == (uint8_t)0 ? c_sOptixTriangleCountHits2 : c_sOptixTriangleAllHits2
+    const char* sModuleText = bAllHits
+                                  ? iRun == (uint8_t)0 ? c_sOptixTriangleCountHits2 : c_sOptixTriangleAllHits2
                               : bIndices ? bFirstHitOnly ? c_sOptixTriangleOneHit2 : c_sOptixTriangleTwoHits4
                               : bFirstHitOnly ? c_sOptixTriangleOneHitDistance1
                                               : c_sOptixTriangleTwoHitsDistance2;
     const char* sRaygenName = bAllHits ? iRun == (uint8_t)0 ? "__raygen__rgCountHits" : "__raygen__rgAllHits"
-                              : bIndices ? bFirstHitOnly ? "__raygen__rgFirst" : "__raygen__rgFirstLast"
+                              : bIndices      ? bFirstHitOnly ? "__raygen__rgFirst" : "__raygen__rgFirstLast"
                               : bFirstHitOnly ? "__raygen__rgFirstDistance"
                                               : "__raygen__rgFirstLastDistance";
     const size_t inputSize = std::strlen(sModuleText);
@@ -278,24 +286,25 @@ ErrorResult TraceDriver::CreatePipeline(RunState& run, std::uint64_t nBudget)
     OptixStackSizes stack_sizes = {};
     for (OptixProgramGroup group : program_groups)
     {
-        run.cResult =
-            MakeOptixError(optixUtilAccumulateStackSizes(group, &stack_sizes, run.pipeline.get()), "optixUtilAccumulateStackSizes");
+        run.cResult = MakeOptixError(optixUtilAccumulateStackSizes(group, &stack_sizes, run.pipeline.get()),
+                                     "optixUtilAccumulateStackSizes");
         if (run.cResult.first != Success)
             return run.cResult;
     }
     unsigned int nDirectCallableStackSizeFromTraversal = 0;
     unsigned int nDirectCallableStackSizeFromState = 0;
     unsigned int nContinuationStackSize = 0;
-    run.cResult = MakeOptixError(optixUtilComputeStackSizes(&stack_sizes, 2, 0, 0, &nDirectCallableStackSizeFromTraversal,
-                                                            &nDirectCallableStackSizeFromState, &nContinuationStackSize),
-                                 "optixUtilComputeStackSizes");
+    run.cResult = MakeOptixError(
+        optixUtilComputeStackSizes(&stack_sizes, 2, 0, 0, &nDirectCallableStackSizeFromTraversal,
+                                   &nDirectCallableStackSizeFromState, &nContinuationStackSize),
+        "optixUtilComputeStackSizes");
     if (run.cResult.first != Success)
         return run.cResult;
 
     // One rounded continuation stack for every thread the GPU holds at once; estimated again only when the
     // sizes changed since the last run.
-    const unsigned int aStackSizes[3] = {nDirectCallableStackSizeFromTraversal, nDirectCallableStackSizeFromState,
-                                         nContinuationStackSize};
+    const unsigned int aStackSizes[3] = {nDirectCallableStackSizeFromTraversal,
+                                         nDirectCallableStackSizeFromState, nContinuationStackSize};
     if (!bStackEstimated || std::memcmp(aStackSizes, aStackSizesEstimated, sizeof(aStackSizes)) != 0)
     {
         cudaDeviceProp prop;
@@ -305,7 +314,8 @@ ErrorResult TraceDriver::CreatePipeline(RunState& run, std::uint64_t nBudget)
         CHECK_CUDA(cudaDeviceGetAttribute(&nMaxThreadsPerMultiProcessor, cudaDevAttrMaxThreadsPerMultiProcessor, iGpuId));
         // clang-format on
         const unsigned int nRoundedStack = (nContinuationStackSize + 255u) & ~255u;
-        nStackBytes = static_cast<std::uint64_t>(nRoundedStack) * static_cast<std::uint64_t>(prop.multiProcessorCount) *
+        nStackBytes = static_cast<std::uint64_t>(nRoundedStack) *
+                      static_cast<std::uint64_t>(prop.multiProcessorCount) *
                       static_cast<std::uint64_t>(nMaxThreadsPerMultiProcessor);
         if (nBudget <= nStackBytes)
             return {OutOfMemory, "Not enough free GPU memory."};
@@ -313,9 +323,10 @@ ErrorResult TraceDriver::CreatePipeline(RunState& run, std::uint64_t nBudget)
         bStackEstimated = true;
     }
 
-    run.cResult = MakeOptixError(optixPipelineSetStackSize(run.pipeline.get(), nDirectCallableStackSizeFromTraversal,
-                                                           nDirectCallableStackSizeFromState, nContinuationStackSize, 1),
-                                 "optixPipelineSetStackSize");
+    run.cResult = MakeOptixError(
+        optixPipelineSetStackSize(run.pipeline.get(), nDirectCallableStackSizeFromTraversal,
+                                  nDirectCallableStackSizeFromState, nContinuationStackSize, 1),
+        "optixPipelineSetStackSize");
     return run.cResult;
 }
 
@@ -323,14 +334,15 @@ ErrorResult TraceDriver::CreateShaderBindingTable(RunState& run)
 {
     run.sbt = {};
     SbtRecord miss_record = {};
-    run.cResult = MakeOptixError(optixSbtRecordPackHeader(run.miss_prog_group.get(), &miss_record), "optixSbtRecordPackHeader");
+    run.cResult = MakeOptixError(optixSbtRecordPackHeader(run.miss_prog_group.get(), &miss_record),
+                                 "optixSbtRecordPackHeader");
     if (run.cResult.first != Success)
         return run.cResult;
     run.d_miss_record.Assign(miss_record);
 
     SbtRecord hitgroup_record = {};
-    run.cResult =
-        MakeOptixError(optixSbtRecordPackHeader(run.hitgroup_prog_group.get(), &hitgroup_record), "optixSbtRecordPackHeader");
+    run.cResult = MakeOptixError(optixSbtRecordPackHeader(run.hitgroup_prog_group.get(), &hitgroup_record),
+                                 "optixSbtRecordPackHeader");
     if (run.cResult.first != Success)
         return run.cResult;
     run.d_hitgroup_record.Assign(hitgroup_record);
@@ -354,8 +366,9 @@ ErrorResult TraceDriver::BuildChunkGas(RunState& run, std::size_t iStart, std::s
     // clang-format on
 
     const CUdeviceptr vertexBuffer = reinterpret_cast<CUdeviceptr>(d_vertices.data());
-    const OptixBuildInput input = MakeTriangleBuildInput(&vertexBuffer, static_cast<unsigned int>(3 * (iEnd - iStart)),
-                                                         0, &uGeometryFlags, static_cast<unsigned int>(iStart));
+    const OptixBuildInput input =
+        MakeTriangleBuildInput(&vertexBuffer, static_cast<unsigned int>(3 * (iEnd - iStart)), 0,
+                               &uGeometryFlags, static_cast<unsigned int>(iStart));
     OptixAccelBuildOptions opts = {};
     opts.buildFlags = OPTIX_BUILD_FLAG_NONE;
     opts.operation = OPTIX_BUILD_OPERATION_BUILD;
@@ -367,11 +380,11 @@ ErrorResult TraceDriver::BuildChunkGas(RunState& run, std::size_t iStart, std::s
 
     run.d_gas_temp.resize(sizes.tempSizeInBytes);
     run.d_gas_output.resize(sizes.outputSizeInBytes);
-    run.cResult = MakeOptixError(
-        optixAccelBuild(run.context.get(), cStream.GetStream(), &opts, &input, 1,
-                        reinterpret_cast<CUdeviceptr>(run.d_gas_temp.data()), sizes.tempSizeInBytes,
-                        reinterpret_cast<CUdeviceptr>(run.d_gas_output.data()), sizes.outputSizeInBytes,
-                        &run.gas_handle, nullptr, 0),
-        "optixAccelBuild");
+    run.cResult = MakeOptixError(optixAccelBuild(run.context.get(), cStream.GetStream(), &opts, &input, 1,
+                                                 reinterpret_cast<CUdeviceptr>(run.d_gas_temp.data()),
+                                                 sizes.tempSizeInBytes,
+                                                 reinterpret_cast<CUdeviceptr>(run.d_gas_output.data()),
+                                                 sizes.outputSizeInBytes, &run.gas_handle, nullptr, 0),
+                                 "optixAccelBuild");
     return run.cResult;
 }

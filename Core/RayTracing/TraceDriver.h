@@ -64,7 +64,8 @@ private:
     ErrorResult CreatePipeline(RunState& run, std::uint64_t nBudget);
     ErrorResult CreateShaderBindingTable(RunState& run);
     ErrorResult BuildChunkGas(RunState& run, std::size_t iStart, std::size_t iEnd);
-    ErrorResult ProcessBatch(RunState& run, std::size_t iBatchStart, std::size_t iBatchEnd, std::size_t iBatch);
+    ErrorResult ProcessBatch(RunState& run, std::size_t iBatchStart, std::size_t iBatchEnd,
+                             std::size_t iBatch);
     template <typename TParams>
     ErrorResult LaunchBatch(RunState& run, TParams& params, const char* sLaunchName, std::size_t nProcessRays,
                             std::size_t iBatch, SbtRecord& raygen_record);

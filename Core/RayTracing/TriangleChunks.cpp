@@ -39,8 +39,8 @@ std::pair<std::size_t, std::size_t> FindTriangleChunkSize(OptixDeviceContext ctx
     {
         if (n == 0)
             return {true, 0};
-        const OptixBuildInput in = MakeTriangleBuildInput(&nPlaceholderVertices, static_cast<unsigned int>(3 * n),
-                                                          12, &uGeometryFlags, 0);
+        const OptixBuildInput in = MakeTriangleBuildInput(
+            &nPlaceholderVertices, static_cast<unsigned int>(3 * n), 12, &uGeometryFlags, 0);
         OptixAccelBufferSizes sizes = {};
         // clang-format off
         CHECK_OPTIX(optixAccelComputeMemoryUsage(ctx, &opts, &in, 1, &sizes));

@@ -7,7 +7,7 @@
 
 #include "OptixTypes.h"
 
-constexpr std::size_t c_nChunkBudgetFloor = 268435456;           // 256 MiB kept out of every chunk budget
+constexpr std::size_t c_nChunkBudgetFloor = 268435456;          // 256 MiB kept out of every chunk budget
 constexpr std::size_t c_nMaximumTrianglesPerChunk = 1431655765; // 3 * n vertices fit 32 bits
 
 // {nTrianglesPerChunk, nGasBytes}; {0, 0} when no chunk fits. OptiX failures throw the check's message.

@@ -44,8 +44,8 @@ bool GpuAnswers(std::string& sWhy)
     std::string sLog, sError;
     try
     {
-        return RayTracing(cResults, 1, aTriangle, 1, nullptr, aDirection, nullptr, 0, sLog, sError, false, 10.0f, 0) ==
-               Success;
+        return RayTracing(cResults, 1, aTriangle, 1, nullptr, aDirection, nullptr, 0, sLog, sError, false,
+                          10.0f, 0) == Success;
     }
     catch (const std::string& sMessage)
     {
@@ -62,8 +62,8 @@ RayTracingErrorType Trace(RayTracingResults& cResults, std::string& sError, std:
     try
     {
         return RayTracing(cResults, cScene.cSoup.Count(), cScene.cSoup.Data(), cScene.cRays.Count(),
-                          cScene.cRays.aOrigins.data(), cScene.cRays.aDirections.data(), nullptr, 0, sLog, sError,
-                          false, 100.0f, nFreeMemory);
+                          cScene.cRays.aOrigins.data(), cScene.cRays.aDirections.data(), nullptr, 0, sLog,
+                          sError, false, 100.0f, nFreeMemory);
     }
     catch (const std::string& sMessage)
     {
@@ -72,19 +72,22 @@ RayTracingErrorType Trace(RayTracingResults& cResults, std::string& sError, std:
     }
 }
 
-#define TRACE_OR_SKIP(cResults)                                                                                    \
-    do                                                                                                             \
-    {                                                                                                              \
-        std::string sError;                                                                                        \
-        if (!GpuAnswers(sError))                                                                                   \
-            GTEST_SKIP() << "no usable GPU: " << sError;                                                           \
-        const RayTracingErrorType nCode = Trace(cResults, sError);                                                 \
-        if (nCode != Success && sError.find("CUDA call (") == 0)                                                   \
-            GTEST_SKIP() << "no usable GPU: " << sError;                                                           \
-        ASSERT_EQ(nCode, Success) << sError;                                                                       \
+#define TRACE_OR_SKIP(cResults)                                                                              \
+    do                                                                                                       \
+    {                                                                                                        \
+        std::string sError;                                                                                  \
+        if (!GpuAnswers(sError))                                                                             \
+            GTEST_SKIP() << "no usable GPU: " << sError;                                                     \
+        const RayTracingErrorType nCode = Trace(cResults, sError);                                           \
+        if (nCode != Success && sError.find("CUDA call (") == 0)                                             \
+            GTEST_SKIP() << "no usable GPU: " << sError;                                                     \
+        ASSERT_EQ(nCode, Success) << sError;                                                                 \
     } while (0)
 
-TEST(GpuFlavour, ReportsOptixVersion) { EXPECT_EQ(GetOptixVersion(), std::make_tuple(9, 0, 0)); }
+TEST(GpuFlavour, ReportsOptixVersion)
+{
+    EXPECT_EQ(GetOptixVersion(), std::make_tuple(9, 0, 0));
+}
 
 TEST(GpuFlavour, NearestAndFarthestMatchReference)
 {

@@ -60,9 +60,9 @@ TEST_P(BufferTest, FailedAllocationLeavesTheBufferEmptyAndThrowsTheCheck)
     }
     catch (const std::string& sMessage)
     {
-        const std::string sCall = GetParam()
-                                      ? "cudaMallocAsync(reinterpret_cast<void**>(&m_pDevicePtr), n * sizeof(T), m_stream)"
-                                      : "cudaMalloc(reinterpret_cast<void**>(&m_pDevicePtr), n * sizeof(T))";
+        const std::string sCall =
+            GetParam() ? "cudaMallocAsync(reinterpret_cast<void**>(&m_pDevicePtr), n * sizeof(T), m_stream)"
+                       : "cudaMalloc(reinterpret_cast<void**>(&m_pDevicePtr), n * sizeof(T))";
         EXPECT_EQ(sMessage.rfind("CUDA call (" + sCall + " ) failed with error: 'out of memory' (", 0), 0u)
             << sMessage;
         EXPECT_NE(sMessage.find("ThrustExtra.h:"), std::string::npos);

@@ -24,8 +24,9 @@ std::string Thrown(void (*fnCall)())
 TEST(CallChecks, CudaFailureIsOneLineQuotingTheCall)
 {
     EXPECT_NO_THROW(CheckCudaCall(cudaSuccess, "cudaFree(0)", "f.cpp", 1));
-    EXPECT_EQ(Thrown([] { CheckCudaCall(cudaErrorInvalidDevice, "cudaSetDevice(iGpuId)", "a/b.cpp", 42); }),
-              "CUDA call (cudaSetDevice(iGpuId) ) failed with error: 'invalid device ordinal' (a/b.cpp:42)\n");
+    EXPECT_EQ(
+        Thrown([] { CheckCudaCall(cudaErrorInvalidDevice, "cudaSetDevice(iGpuId)", "a/b.cpp", 42); }),
+        "CUDA call (cudaSetDevice(iGpuId) ) failed with error: 'invalid device ordinal' (a/b.cpp:42)\n");
 }
 
 TEST(CallChecks, OptixFailuresNameTheCallTheErrorAndItsDescription)
@@ -35,8 +36,9 @@ TEST(CallChecks, OptixFailuresNameTheCallTheErrorAndItsDescription)
               "Description: Library not found\n");
     EXPECT_EQ(MakeOptixError(OPTIX_SUCCESS, "optixLaunch2"), ErrorResult(Success, ""));
     EXPECT_EQ(MakeOptixError(static_cast<OptixResult>(1234), "optixPipelineDestroy(pipeline)"),
-              ErrorResult(Failure, "Optix call \"optixPipelineDestroy(pipeline)\" failed.\n"
-                                   "Error Name: Unknown OptixResult code\nDescription: Unknown OptixResult code\n"));
+              ErrorResult(Failure,
+                          "Optix call \"optixPipelineDestroy(pipeline)\" failed.\n"
+                          "Error Name: Unknown OptixResult code\nDescription: Unknown OptixResult code\n"));
 }
 
 TEST(CallChecks, LogMessageCarriesTheLogAndMarksTruncation)
@@ -48,7 +50,8 @@ TEST(CallChecks, LogMessageCarriesTheLogAndMarksTruncation)
               "Optix call 'c' failed: d.cpp:9\nLog:\nline one\nline two<TRUNCATED>\n");
     // A full buffer without a terminator is cut at its capacity.
     const char aFull[4] = {'a', 'b', 'c', 'd'};
-    EXPECT_EQ(MakeOptixLogMessage("c", "f", 1, aFull, 4, 100), "Optix call 'c' failed: f:1\nLog:\nabcd<TRUNCATED>\n");
+    EXPECT_EQ(MakeOptixLogMessage("c", "f", 1, aFull, 4, 100),
+              "Optix call 'c' failed: f:1\nLog:\nabcd<TRUNCATED>\n");
 }
 
 TEST(ContextLog, LinesAreLevelAndTagInFixedFields)
@@ -62,8 +65,14 @@ TEST(ContextLog, LinesAreLevelAndTagInFixedFields)
     EXPECT_EQ(aLog[1], "[12][AVERYLONGTAGNAME]: second\n");
 }
 
-OptixResult FailingDestroy(OptixModule_t*) { return OPTIX_ERROR_INVALID_VALUE; }
-OptixResult SucceedingDestroy(OptixModule_t*) { return OPTIX_SUCCESS; }
+OptixResult FailingDestroy(OptixModule_t*)
+{
+    return OPTIX_ERROR_INVALID_VALUE;
+}
+OptixResult SucceedingDestroy(OptixModule_t*)
+{
+    return OPTIX_SUCCESS;
+}
 
 TEST(Holders, OnlyTheFirstFailureIsRecorded)
 {
@@ -71,7 +80,8 @@ TEST(Holders, OnlyTheFirstFailureIsRecorded)
     auto* pHandle = reinterpret_cast<OptixModule_t*>(0x10);
     {
         auto cFirst = MakeOptixHolder<OptixModule_t>(cResult, FailingDestroy, "optixModuleDestroy(module)");
-        auto cSecond = MakeOptixHolder<OptixModule_t>(cResult, FailingDestroy, "optixPipelineDestroy(pipeline)");
+        auto cSecond =
+            MakeOptixHolder<OptixModule_t>(cResult, FailingDestroy, "optixPipelineDestroy(pipeline)");
         auto cFine = MakeOptixHolder<OptixModule_t>(cResult, SucceedingDestroy, "ok");
         auto cEmpty = MakeOptixHolder<OptixModule_t>(cResult, FailingDestroy, "never called");
         cFirst.reset(pHandle);

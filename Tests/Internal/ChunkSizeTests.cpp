@@ -8,8 +8,14 @@
 
 namespace
 {
-std::size_t RoundUp128(std::size_t n) { return (n + 127) / 128 * 128; }
-std::size_t ModelBytes(std::size_t n) { return n == 0 ? 0 : RoundUp128(256 + 64 * n) + RoundUp128(256 + 32 * n) + 36 * n; }
+std::size_t RoundUp128(std::size_t n)
+{
+    return (n + 127) / 128 * 128;
+}
+std::size_t ModelBytes(std::size_t n)
+{
+    return n == 0 ? 0 : RoundUp128(256 + 64 * n) + RoundUp128(256 + 32 * n) + 36 * n;
+}
 
 class ChunkSizeTest : public StandInTest
 {
@@ -42,7 +48,8 @@ TEST_F(ChunkSizeTest, NoChunkWithinTheFloor)
 
 TEST_F(ChunkSizeTest, WholeMeshWhenItFits)
 {
-    EXPECT_EQ(Find(1000, c_nChunkBudgetFloor + ModelBytes(1000)), std::make_pair(std::size_t(1000), ModelBytes(1000)));
+    EXPECT_EQ(Find(1000, c_nChunkBudgetFloor + ModelBytes(1000)),
+              std::make_pair(std::size_t(1000), ModelBytes(1000)));
     EXPECT_EQ(RayTracingCpu::CallCount("optixAccelComputeMemoryUsage"), 1u);
 }
 

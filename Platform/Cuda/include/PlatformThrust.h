@@ -3,4 +3,7 @@
 
 #include <thrust/system/cuda/execution_policy.h>
 
-inline auto StreamPolicy(cudaStream_t stream) { return thrust::cuda::par.on(stream); }
+inline auto StreamPolicy(cudaStream_t stream)
+{
+    return thrust::cuda::par.on(stream);
+}
