@@ -48,14 +48,7 @@ Mesh BuildBlobs(std::uint64_t nTriangles)
                                   std::sin(fTheta) * std::sin(fPhi)} *
                                  fRadius;
         };
-        for (int iLongitude = 0; iLongitude < nLongitudes; ++iLongitude)
-            for (int iLatitude = 0; iLatitude < nLatitudes; ++iLatitude)
-            {
-                cMesh.AddTriangle(Point(iLongitude, iLatitude), Point(iLongitude + 1, iLatitude),
-                                  Point(iLongitude + 1, iLatitude + 1));
-                cMesh.AddTriangle(Point(iLongitude, iLatitude), Point(iLongitude + 1, iLatitude + 1),
-                                  Point(iLongitude, iLatitude + 1));
-            }
+        AddLatitudeLongitudeGrid(cMesh, nLongitudes, nLatitudes, Point);
     }
     return cMesh;
 }

@@ -62,14 +62,7 @@ void AddSphere(Mesh& cMesh, Vec3 cCenter, float fRadius, int nLongitudes, int nL
                Vec3{std::sin(fTheta) * std::cos(fPhi), std::cos(fTheta), std::sin(fTheta) * std::sin(fPhi)} *
                    fRadius;
     };
-    for (int iLongitude = 0; iLongitude < nLongitudes; ++iLongitude)
-        for (int iLatitude = 0; iLatitude < nLatitudes; ++iLatitude)
-        {
-            cMesh.AddTriangle(Point(iLongitude, iLatitude), Point(iLongitude + 1, iLatitude),
-                              Point(iLongitude + 1, iLatitude + 1));
-            cMesh.AddTriangle(Point(iLongitude, iLatitude), Point(iLongitude + 1, iLatitude + 1),
-                              Point(iLongitude, iLatitude + 1));
-        }
+    AddLatitudeLongitudeGrid(cMesh, nLongitudes, nLatitudes, Point);
 }
 
 // Upright torus facing the scene's centre.

@@ -18,6 +18,21 @@ struct Mesh
     }
 };
 
+// Two triangles per cell of an nLongitudes x nLatitudes grid over a closed surface; fnPoint(iLongitude,
+// iLatitude) gives the vertex at a grid corner.
+template <typename PointOf>
+void AddLatitudeLongitudeGrid(Mesh& cMesh, int nLongitudes, int nLatitudes, PointOf fnPoint)
+{
+    for (int iLongitude = 0; iLongitude < nLongitudes; ++iLongitude)
+        for (int iLatitude = 0; iLatitude < nLatitudes; ++iLatitude)
+        {
+            cMesh.AddTriangle(fnPoint(iLongitude, iLatitude), fnPoint(iLongitude + 1, iLatitude),
+                              fnPoint(iLongitude + 1, iLatitude + 1));
+            cMesh.AddTriangle(fnPoint(iLongitude, iLatitude), fnPoint(iLongitude + 1, iLatitude + 1),
+                              fnPoint(iLongitude, iLatitude + 1));
+        }
+}
+
 struct Bounds
 {
     Vec3 cMin, cMax;
