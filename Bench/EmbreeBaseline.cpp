@@ -81,9 +81,11 @@ RTCRayHit MakeRay(const Rays& cRays, std::size_t i, float fMaxDistance)
     return cRay;
 }
 
-RTCScene BuildScene(RTCDevice hDevice, const Mesh& cMesh, bool bFilter)
+RTCScene BuildScene(RTCDevice hDevice, const Mesh& cMesh, bool bFilter, bool bRobust)
 {
     RTCScene hScene = rtcNewScene(hDevice);
+    if (bRobust)
+        rtcSetSceneFlags(hScene, RTC_SCENE_FLAG_ROBUST);
     RTCGeometry hGeometry = rtcNewGeometry(hDevice, RTC_GEOMETRY_TYPE_TRIANGLE);
     const std::size_t nTriangles = cMesh.TriangleCount();
     // New buffers rather than shared ones: Embree wants the last vertex padded for 16-byte loads.
@@ -110,7 +112,7 @@ RTCScene BuildScene(RTCDevice hDevice, const Mesh& cMesh, bool bFilter)
 } // namespace
 
 double TraceWithEmbree(const Mesh& cMesh, const Rays& cRays, TraceMode eMode, float fMaxDistance,
-                       int nThreads, TraceResults& cResults)
+                       int nThreads, bool bRobust, TraceResults& cResults)
 {
     const std::size_t nRays = cRays.Count();
     cResults.Prepare(eMode, nRays);
@@ -129,7 +131,7 @@ double TraceWithEmbree(const Mesh& cMesh, const Rays& cRays, TraceMode eMode, fl
     cArena.execute(
         [&]
         {
-            SceneOwner cScene{BuildScene(cDevice.hDevice, cMesh, !bClosestOnly)};
+            SceneOwner cScene{BuildScene(cDevice.hDevice, cMesh, !bClosestOnly, bRobust)};
             // Tasks of fixed ray ranges, so that all-hits mode can keep each task's hits in ray order.
             tbb::parallel_for(
                 std::size_t(0), nTasks,
