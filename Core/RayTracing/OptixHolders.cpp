@@ -8,11 +8,18 @@ void ContextLogCallback(unsigned int level, const char* tag, const char* message
 {
     if (cbdata == nullptr)
         return;
-    std::stringstream ss;
-    ss << "[" << std::setw(2) << level << "][" << std::setw(12) << (tag ? tag : "")
-       << "]: " << (message ? message : "") << std::endl;
-    // OptiX does not promise to call back on the calling thread only.
-    static std::mutex s_mutex;
-    const std::lock_guard<std::mutex> cLock(s_mutex);
-    static_cast<std::deque<std::string>*>(cbdata)->push_back(ss.str());
+    // Nothing may unwind into the driver that called us: out of memory, the line is lost.
+    try
+    {
+        std::stringstream ss;
+        ss << "[" << std::setw(2) << level << "][" << std::setw(12) << (tag ? tag : "")
+           << "]: " << (message ? message : "") << std::endl;
+        // OptiX does not promise to call back on the calling thread only.
+        static std::mutex s_mutex;
+        const std::lock_guard<std::mutex> cLock(s_mutex);
+        static_cast<std::deque<std::string>*>(cbdata)->push_back(ss.str());
+    }
+    catch (...)
+    {
+    }
 }

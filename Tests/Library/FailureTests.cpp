@@ -41,13 +41,15 @@ std::regex ReturnedOptixMessage(const std::string& sCall, const std::string& sNa
                       "\" failed\\.\nError Name: " + RegexEscape(sName) + "\nDescription: [^\n]+\n");
 }
 
-// The message of an OptiX compile or link step, which quotes its log instead of the error's name.
-std::regex LoggedOptixMessage(const std::string& sCall)
+// The message of an OptiX compile or link step that failed without writing a log: it quotes the log instead
+// of the error's name, and the log is empty.
+std::regex EmptyLogOptixMessage(const std::string& sCall)
 {
-    return std::regex("Optix call '" + RegexEscape(sCall) + "' failed: [^\n]+:[0-9]+\nLog:\n[\\s\\S]*\n");
+    return std::regex("Optix call '" + RegexEscape(sCall) + "' failed: [^\n]+:[0-9]+\nLog:\n\n");
 }
 
 // clang-format off
+const std::string c_sMissGroupCreateCall = "optixProgramGroupCreate( context.get(), &miss_prog_group_desc, 1, &program_group_options, LOG, &LOG_SIZE, &miss_prog_group_raw )";
 const std::string c_sModuleCreateCall = "optixModuleCreate( context.get(), &module_compile_options, &pipeline_compile_options, bAllHits ? iRun == (uint8_t)0 ? c_sOptixTriangleCountHits2 : c_sOptixTriangleAllHits2 : bIndices ? bFirstHitOnly ? c_sOptixTriangleOneHit2 : c_sOptixTriangleTwoHits4 : bFirstHitOnly ? c_sOptixTriangleOneHitDistance1 : c_sOptixTriangleTwoHitsDistance2, inputSize, LOG, &LOG_SIZE, &module_raw)";
 const std::string c_sMallocAsyncCall = "cudaMallocAsync(reinterpret_cast<void**>(&m_pDevicePtr), n * sizeof(T), m_stream)";
 const std::string c_sMallocCall = "cudaMalloc(reinterpret_cast<void**>(&m_pDevicePtr), n * sizeof(T))";
@@ -227,7 +229,10 @@ TEST_F(FailureTest, FailuresAlongTheCallGiveTheirCodeAndMessage)
          Failure,
          ReturnedOptixMessage("optixDeviceContextCreateWithDiagnostics", "OPTIX_ERROR_INVALID_VALUE")},
         {"module compile", TraceMode::AllHits, Fault("optixModuleCreate", 1, c_iOptixInvalidInput), Failure,
-         LoggedOptixMessage(c_sModuleCreateCall)},
+         EmptyLogOptixMessage(c_sModuleCreateCall)},
+        {"program group after a module compile that wrote a log", TraceMode::NearestIndex,
+         Fault("optixProgramGroupCreate", 2, c_iOptixInvalidValue), Failure,
+         EmptyLogOptixMessage(c_sMissGroupCreateCall)},
         {"pipeline release after a successful run", TraceMode::BothDistances,
          Fault("optixPipelineDestroy", 1, c_iOptixInvalidValue), Failure,
          ReturnedOptixMessage("optixPipelineDestroy(pipeline)", "OPTIX_ERROR_INVALID_VALUE")},
