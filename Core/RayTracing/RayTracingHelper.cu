@@ -70,10 +70,11 @@ void SegmentedSortInPlace(unsigned long long n, unsigned long long* pAccumulated
         CHECK_CUDA(cub::DeviceSegmentedSort::SortKeys(cBuffer.data(), nBuffer, p, cResult.data(), m, n, pAccumulatedCounts, pAccumulatedCounts + (size_t)1, stream));
         CHECK_CUDA(cudaMemcpyAsync(p, cResult.data(), m * sizeof(T), cudaMemcpyDeviceToDevice, stream));
         // clang-format on
+        // Restored before the scratch buffers go, so that their release is ordered after all the sort's work.
+        if (nFirstOffset != 0)
+            thrust::transform(StreamPolicy(stream), pAccumulatedCounts, pAccumulatedCounts + n + 1,
+                              pAccumulatedCounts, AddOffset{nFirstOffset});
     }
-    if (nFirstOffset != 0)
-        thrust::transform(StreamPolicy(stream), pAccumulatedCounts, pAccumulatedCounts + n + 1,
-                          pAccumulatedCounts, AddOffset{nFirstOffset});
 }
 
 template void SegmentedSortInPlace<float>(unsigned long long n, unsigned long long* pAccumulatedCounts,

@@ -231,7 +231,8 @@ ErrorResult TraceDriver::CreatePipeline(RunState& run, std::uint64_t nBudget)
     run.module.reset(module_raw);
 
     OptixProgramGroupOptions program_group_options = {};
-    OptixProgramGroupDesc raygen_prog_group_desc = {};
+    OptixProgramGroupDesc raygen_prog_group_desc;
+    std::memset(&raygen_prog_group_desc, 0, sizeof(raygen_prog_group_desc));
     raygen_prog_group_desc.kind = OPTIX_PROGRAM_GROUP_KIND_RAYGEN;
     raygen_prog_group_desc.flags = OPTIX_PROGRAM_GROUP_FLAGS_NONE;
     raygen_prog_group_desc.raygen.module = run.module.get();
@@ -242,7 +243,8 @@ ErrorResult TraceDriver::CreatePipeline(RunState& run, std::uint64_t nBudget)
     // clang-format on
     run.raygen_prog_group.reset(raygen_prog_group_raw);
 
-    OptixProgramGroupDesc miss_prog_group_desc = {};
+    OptixProgramGroupDesc miss_prog_group_desc;
+    std::memset(&miss_prog_group_desc, 0, sizeof(miss_prog_group_desc));
     miss_prog_group_desc.kind = OPTIX_PROGRAM_GROUP_KIND_MISS;
     miss_prog_group_desc.flags = OPTIX_PROGRAM_GROUP_FLAGS_NONE;
     miss_prog_group_desc.miss.module = run.module.get();
@@ -254,7 +256,9 @@ ErrorResult TraceDriver::CreatePipeline(RunState& run, std::uint64_t nBudget)
     run.miss_prog_group.reset(miss_prog_group_raw);
 
     // Only the nearest-only modes use the traversal's closest hit; the others see every hit in any-hit.
-    OptixProgramGroupDesc hitgroup_prog_group_desc = {};
+    // The descriptors are unions: memset, because "= {}" promises zeros only in the first member.
+    OptixProgramGroupDesc hitgroup_prog_group_desc;
+    std::memset(&hitgroup_prog_group_desc, 0, sizeof(hitgroup_prog_group_desc));
     hitgroup_prog_group_desc.kind = OPTIX_PROGRAM_GROUP_KIND_HITGROUP;
     hitgroup_prog_group_desc.flags = OPTIX_PROGRAM_GROUP_FLAGS_NONE;
     if (!bAllHits && bFirstHitOnly)

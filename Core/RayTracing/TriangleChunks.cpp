@@ -1,6 +1,7 @@
 #include "TriangleChunks.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "OptixApi.h"
 #include "RayTracingChecks.h"
@@ -9,7 +10,8 @@ OptixBuildInput MakeTriangleBuildInput(const CUdeviceptr* pVertexBuffer, unsigne
                                        unsigned int vertexStrideInBytes, const unsigned int* pGeometryFlags,
                                        unsigned int primitiveIndexOffset)
 {
-    OptixBuildInput input = {};
+    OptixBuildInput input; // a union: "= {}" would promise zeros only in its first member
+    std::memset(&input, 0, sizeof(input));
     input.type = OPTIX_BUILD_INPUT_TYPE_TRIANGLES;
     input.triangleArray.vertexBuffers = pVertexBuffer;
     input.triangleArray.numVertices = numVertices;
