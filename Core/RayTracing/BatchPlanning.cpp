@@ -61,10 +61,17 @@ std::vector<std::uint64_t> ComputeBatchBounds(const std::uint64_t* pCountHits, s
 
 void SortHitsOnHost(std::uint64_t nRays, RayTracingResults& cRayTracingResults)
 {
-    std::vector<std::uint64_t> aRays(nRays);
-    std::iota(aRays.begin(), aRays.end(), std::uint64_t(0));
+    // Whole rays per task, in blocks, so that the index list stays small next to a billion rays.
+    constexpr std::uint64_t c_nRaysPerTask = 4096;
+    std::vector<std::uint64_t> aTasks((nRays + c_nRaysPerTask - 1) / c_nRaysPerTask);
+    std::iota(aTasks.begin(), aTasks.end(), std::uint64_t(0));
     float* pHits = cRayTracingResults.cAllHits.data();
     const std::uint64_t* pOffsets = cRayTracingResults.pCountHits;
-    std::for_each(std::execution::par, aRays.begin(), aRays.end(),
-                  [=](std::uint64_t i) { std::sort(pHits + pOffsets[i], pHits + pOffsets[i + 1]); });
+    std::for_each(std::execution::par, aTasks.begin(), aTasks.end(),
+                  [=](std::uint64_t iTask)
+                  {
+                      const std::uint64_t iEnd = std::min(nRays, (iTask + 1) * c_nRaysPerTask);
+                      for (std::uint64_t i = iTask * c_nRaysPerTask; i < iEnd; ++i)
+                          std::sort(pHits + pOffsets[i], pHits + pOffsets[i + 1]);
+                  });
 }

@@ -124,7 +124,9 @@ ErrorResult TraceDriver::TraceRun(RunState& run)
         if (nTrianglesPerChunk == 0)
             return {OutOfMemory, "Not enough free GPU memory for any triangle chunk."};
     }
-    nBudget -= nGasBytes;
+    // Run 1 keeps run 0's chunks; should its pipeline need much more stack, nothing is left for rays rather
+    // than a wrapped-around budget.
+    nBudget = nBudget > nGasBytes ? nBudget - nGasBytes : 0;
     if (iRun == 0)
         nRaysPerBatch = ComputeRaysPerBatch(nRays, nBudget, nBytesPerRay);
 

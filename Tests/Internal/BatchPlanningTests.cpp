@@ -65,4 +65,23 @@ TEST(HostSort, SortsEveryRaysStretchAndNothingAcross)
     SortHitsOnHost(4, cResults);
     EXPECT_EQ(cResults.cAllHits, (std::vector<float>{1, 2, 3, 9, 4, 5, 6}));
 }
+
+TEST(HostSort, RaysSpreadOverManyTasksAreEachSorted)
+{
+    // Ray i holds i % 3 hits in descending order, with values that would interleave if stretches mixed.
+    constexpr std::uint64_t nRays = 10001;
+    std::vector<std::uint64_t> aOffsets{0};
+    RayTracingResults cResults;
+    for (std::uint64_t i = 0; i < nRays; ++i)
+    {
+        for (std::uint64_t k = i % 3; k > 0; --k)
+            cResults.cAllHits.push_back(static_cast<float>(k));
+        aOffsets.push_back(cResults.cAllHits.size());
+    }
+    cResults.pCountHits = aOffsets.data();
+    SortHitsOnHost(nRays, cResults);
+    for (std::uint64_t i = 0; i < nRays; ++i)
+        for (std::uint64_t j = aOffsets[i]; j < aOffsets[i + 1]; ++j)
+            ASSERT_EQ(cResults.cAllHits[j], static_cast<float>(j - aOffsets[i] + 1)) << "ray " << i;
+}
 } // namespace
