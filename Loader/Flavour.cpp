@@ -83,7 +83,7 @@ bool GpuAnswers(int iGpuId, std::string& sDevice, std::string& sReason)
         sReason = "libnvoptix.so.1 does not export optixQueryFunctionTable";
         return false;
     }
-    sDevice = cDriver.DeviceName(iGpuId) + " (CUDA device " + std::to_string(iGpuId) + ")";
+    sDevice = cDriver.DeviceName(iGpuId);
     return true;
 }
 
@@ -160,8 +160,9 @@ Flavour Flavour::Load(DeviceChoice eChoice, int iGpuId, const FlavourLocation& c
         const std::string sPath = FindFlavourLibrary(cLocation, c_sGpuLibrary);
         if (sPath.empty())
             sReason = std::string(c_sGpuLibrary) + " is not installed " + cLocation.sDescription;
-        else if (GpuAnswers(iGpuId, cFlavour.m_sDevice, sReason) && cFlavour.Resolve(sPath, sReason))
+        else if (GpuAnswers(iGpuId, cFlavour.m_sDeviceName, sReason) && cFlavour.Resolve(sPath, sReason))
         {
+            cFlavour.m_sDevice = cFlavour.m_sDeviceName + " (CUDA device " + std::to_string(iGpuId) + ")";
             cFlavour.m_bGpu = true;
             cFlavour.m_sName = "GPU";
             return cFlavour;
@@ -184,7 +185,7 @@ Flavour Flavour::Load(DeviceChoice eChoice, int iGpuId, const FlavourLocation& c
         nThreads = pGetConfig().nThreads;
     if (nThreads <= 0)
         nThreads = static_cast<int>(std::thread::hardware_concurrency());
-    cFlavour.m_sDevice = "host, " + std::to_string(nThreads) + " threads";
+    cFlavour.m_sDevice = cFlavour.m_sDeviceName = "host, " + std::to_string(nThreads) + " threads";
     return cFlavour;
 }
 
@@ -200,7 +201,7 @@ bool Flavour::SetCpuThreads(int nThreads)
     RayTracingCpu::DeviceConfig cConfig = pGetConfig();
     cConfig.nThreads = nThreads;
     pSetConfig(cConfig);
-    m_sDevice =
+    m_sDevice = m_sDeviceName =
         "host, " +
         std::to_string(nThreads > 0 ? nThreads : static_cast<int>(std::thread::hardware_concurrency())) +
         " threads";

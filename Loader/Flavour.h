@@ -51,8 +51,10 @@ public:
     bool IsGpu() const { return m_bGpu; }
     const std::string& Name() const { return m_sName; } // "GPU" or "CPU"
     const std::string& LibraryPath() const { return m_sLibraryPath; }
-    const std::string& Device() const { return m_sDevice; } // GPU name, or the CPU flavour's threads
-    const std::string& Note() const { return m_sNote; }     // why auto did not take the GPU, or empty
+    // GPU name and ordinal, or the CPU flavour's threads; DeviceName() without the ordinal.
+    const std::string& Device() const { return m_sDevice; }
+    const std::string& DeviceName() const { return m_sDeviceName; }
+    const std::string& Note() const { return m_sNote; } // why auto did not take the GPU, or empty
     // CPU flavour only: run the stand-in device on nThreads worker threads (0 = all cores). False if
     // unsupported.
     bool SetCpuThreads(int nThreads);
@@ -71,7 +73,7 @@ private:
     SceneCreateFunction m_pCreateScene = nullptr;
     FlavourScene::Functions m_cSceneFunctions;
     bool m_bGpu = false;
-    std::string m_sName, m_sLibraryPath, m_sDevice, m_sNote;
+    std::string m_sName, m_sLibraryPath, m_sDevice, m_sDeviceName, m_sNote;
 };
 
 // The first of cLocation's directories that holds sFileName, as a path; empty when none does.
