@@ -4,6 +4,7 @@
 #include "CudaDriver.h"
 #include "EmbreeBaseline.h"
 #include "Flavour.h"
+#include "FlavourError.h"
 #include "PeakMemory.h"
 #include "Pictures.h"
 #include "ToolError.h"
@@ -199,7 +200,7 @@ int main(int argc, char** argv)
         {
             cGpu.emplace(Flavour::Load(DeviceChoice::Gpu, 0));
         }
-        catch (const ToolError& cError)
+        catch (const FlavourError& cError)
         {
             sWhyNot = cError.what();
         }
