@@ -14,6 +14,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cfloat>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -30,7 +31,15 @@ struct BenchOptions
     std::vector<std::uint64_t> aTriangles = {10000, 100000, 1000000};
     int nRepeats = 3;
     std::vector<std::string> aModes; // empty: every mode
+    bool bStateless = true;          // stateless calls, acceleration-structure build included
+    bool bScene = true;              // a kept scene, traces alone
 };
+
+bool ModeChosen(const BenchOptions& cOptions, TraceMode eMode)
+{
+    return cOptions.aModes.empty() || std::find(cOptions.aModes.begin(), cOptions.aModes.end(),
+                                                ModeName(eMode)) != cOptions.aModes.end();
+}
 
 std::string CpuModel()
 {
@@ -76,6 +85,55 @@ void WarmUp(const Flavour& cFlavour)
     Trace(cFlavour.RayTracing(), cMesh, cRays, TraceRequest(), cResults);
 }
 
+// Build once, trace many: the scene's build (its creation and a first one-ray trace, which compiles the
+// mode's pipeline and builds or plans its structures), then the fastest of its traces, against Embree tracing
+// a committed scene.
+void RunSceneCases(const BenchOptions& cOptions, const Flavour& cFlavour, const Mesh& cMesh,
+                   const Rays& cRays)
+{
+    Rays cOneRay;
+    cOneRay.Add({cRays.aOrigins[0], cRays.aOrigins[1], cRays.aOrigins[2]},
+                {cRays.aDirections[0], cRays.aDirections[1], cRays.aDirections[2]});
+    for (TraceMode eMode : AllModes())
+    {
+        if (!ModeChosen(cOptions, eMode))
+            continue;
+        TraceRequest cRequest;
+        cRequest.eMode = eMode;
+        std::string sLog;
+        TraceResults cOurs;
+        const auto cBuildStart = std::chrono::steady_clock::now();
+        FlavourScene cScene = CreateScene(cFlavour, cMesh, cRequest, sLog);
+        Trace(cScene, cOneRay, cRequest, cOurs);
+        const double fBuildSeconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - cBuildStart).count();
+        double fOursSeconds = 0.0;
+        for (int iRepeat = 0; iRepeat < cOptions.nRepeats; ++iRepeat)
+        {
+            const double fSeconds = Trace(cScene, cRays, cRequest, cOurs).fSeconds;
+            fOursSeconds = iRepeat == 0 ? fSeconds : std::min(fOursSeconds, fSeconds);
+        }
+        TraceResults cEmbree;
+        const EmbreeSeconds cEmbreeSeconds = TraceWithEmbree(
+            cMesh, cRays, eMode, cRequest.fMaxDistance, cOptions.nThreads, false, cEmbree, cOptions.nRepeats);
+        const double fOurs = cRays.Count() / fOursSeconds * 1e-6;
+        const double fEmbree = cRays.Count() / cEmbreeSeconds.fTrace * 1e-6;
+        std::printf("%s %s triangles=%llu rays=%llu build_s=%.3f kept=%s ours=%.3f embree=%.3f ratio=%.3f "
+                    "embree_build_s=%.3f\n",
+                    cFlavour.IsGpu() ? "scene-gpu" : "scene", ModeName(eMode),
+                    static_cast<unsigned long long>(cMesh.TriangleCount()),
+                    static_cast<unsigned long long>(cRays.Count()), fBuildSeconds,
+                    cScene.KeptStructures() ? "yes" : "no", fOurs, fEmbree, fOurs / fEmbree,
+                    cEmbreeSeconds.fBuild);
+        const std::uint64_t nDiffer = Disagreements(eMode, cOurs, cEmbree);
+        if (nDiffer * 1000 > cRays.Count())
+            std::printf("# note: %s answers differ from Embree's on %llu of %llu rays\n", ModeName(eMode),
+                        static_cast<unsigned long long>(nDiffer),
+                        static_cast<unsigned long long>(cRays.Count()));
+        std::fflush(stdout);
+    }
+}
+
 void RunCases(const BenchOptions& cOptions, Flavour& cFlavour, const CudaDriver* pCuda)
 {
     WarmUp(cFlavour);
@@ -83,6 +141,10 @@ void RunCases(const BenchOptions& cOptions, Flavour& cFlavour, const CudaDriver*
     for (std::uint64_t nTargetTriangles : cOptions.aTriangles)
     {
         const Mesh cMesh = BuildBlobs(nTargetTriangles);
+        if (cOptions.bScene)
+            RunSceneCases(cOptions, cFlavour, cMesh, cRays);
+        if (!cOptions.bStateless)
+            continue;
         double fCopySeconds = -1.0;
         if (pCuda != nullptr)
         {
@@ -92,8 +154,7 @@ void RunCases(const BenchOptions& cOptions, Flavour& cFlavour, const CudaDriver*
         }
         for (TraceMode eMode : AllModes())
         {
-            if (!cOptions.aModes.empty() && std::find(cOptions.aModes.begin(), cOptions.aModes.end(),
-                                                      ModeName(eMode)) == cOptions.aModes.end())
+            if (!ModeChosen(cOptions, eMode))
                 continue;
             TraceRequest cRequest;
             cRequest.eMode = eMode;
@@ -112,9 +173,11 @@ void RunCases(const BenchOptions& cOptions, Flavour& cFlavour, const CudaDriver*
                     Trace(cFlavour.RayTracing(), cMesh, cRays, cRequest, cOurs);
                 nPeakMb = std::max(nPeakMb, PeakMemoryMb());
                 const double fSeconds = TraceWithEmbree(cMesh, cRays, eMode, cRequest.fMaxDistance,
-                                                        cOptions.nThreads, false, cEmbree);
+                                                        cOptions.nThreads, false, cEmbree)
+                                            .Total();
                 const double fRobust = TraceWithEmbree(cMesh, cRays, eMode, cRequest.fMaxDistance,
-                                                       cOptions.nThreads, true, cRobust);
+                                                       cOptions.nThreads, true, cRobust)
+                                           .Total();
                 fOursSeconds =
                     iRepeat == 0 ? cStatistics.fSeconds : std::min(fOursSeconds, cStatistics.fSeconds);
                 fEmbreeSeconds = iRepeat == 0 ? fSeconds : std::min(fEmbreeSeconds, fSeconds);
@@ -165,6 +228,10 @@ int main(int argc, char** argv)
     cApp.add_option("--repeats", cOptions.nRepeats, "runs per case and side; the best one counts")
         ->check(CLI::Range(1, 100))
         ->capture_default_str();
+    bool bSceneOnly = false;
+    bool bStatelessOnly = false;
+    cApp.add_flag("--scene-only", bSceneOnly, "only the kept-scene cases");
+    cApp.add_flag("--stateless-only", bStatelessOnly, "only the stateless cases");
     cApp.add_option("--mode", cOptions.aModes, "modes to run (default: all)")
         ->check(CLI::IsMember({"nearest", "nearest-index", "both", "both-index", "count", "all"}));
     try
@@ -180,6 +247,8 @@ int main(int argc, char** argv)
     }
     if (cOptions.bQuick)
         cOptions.aTriangles = {1000000};
+    cOptions.bStateless = !bSceneOnly;
+    cOptions.bScene = !bStatelessOnly;
     if (cOptions.nThreads == 0)
         cOptions.nThreads = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
 

@@ -111,8 +111,8 @@ RTCScene BuildScene(RTCDevice hDevice, const Mesh& cMesh, bool bFilter, bool bRo
 }
 } // namespace
 
-double TraceWithEmbree(const Mesh& cMesh, const Rays& cRays, TraceMode eMode, float fMaxDistance,
-                       int nThreads, bool bRobust, TraceResults& cResults)
+EmbreeSeconds TraceWithEmbree(const Mesh& cMesh, const Rays& cRays, TraceMode eMode, float fMaxDistance,
+                              int nThreads, bool bRobust, TraceResults& cResults, int nTraces)
 {
     const std::size_t nRays = cRays.Count();
     cResults.Prepare(eMode, nRays);
@@ -125,62 +125,73 @@ double TraceWithEmbree(const Mesh& cMesh, const Rays& cRays, TraceMode eMode, fl
         throw ToolError("Embree cannot create a device");
 
     const bool bClosestOnly = eMode == TraceMode::Nearest || eMode == TraceMode::NearestIndex;
-    const auto cStart = std::chrono::steady_clock::now();
+    const auto Since = [](auto cStart)
+    { return std::chrono::duration<double>(std::chrono::steady_clock::now() - cStart).count(); };
     const std::size_t nTasks = (nRays + c_nRaysPerTask - 1) / c_nRaysPerTask;
-    std::vector<std::vector<float>> aTaskHits(eMode == TraceMode::All ? nTasks : 0);
+    std::vector<std::vector<float>> aTaskHits;
+    EmbreeSeconds cSeconds;
     cArena.execute(
         [&]
         {
+            const auto cBuildStart = std::chrono::steady_clock::now();
             SceneOwner cScene{BuildScene(cDevice.hDevice, cMesh, !bClosestOnly, bRobust)};
-            // Tasks of fixed ray ranges, so that all-hits mode can keep each task's hits in ray order.
-            tbb::parallel_for(
-                std::size_t(0), nTasks,
-                [&](std::size_t iTask)
-                {
-                    std::vector<float> aRayHits;
-                    std::vector<float>* pTaskHits = aTaskHits.empty() ? nullptr : &aTaskHits[iTask];
-                    const std::size_t iEnd = std::min(nRays, (iTask + 1) * c_nRaysPerTask);
-                    for (std::size_t i = iTask * c_nRaysPerTask; i < iEnd; ++i)
+            cSeconds.fBuild = Since(cBuildStart);
+            for (int iTrace = 0; iTrace < nTraces; ++iTrace)
+            {
+                const auto cTraceStart = std::chrono::steady_clock::now();
+                aTaskHits.assign(eMode == TraceMode::All ? nTasks : 0, {});
+                // Tasks of fixed ray ranges, so that all-hits mode can keep each task's hits in ray order.
+                tbb::parallel_for(
+                    std::size_t(0), nTasks,
+                    [&](std::size_t iTask)
                     {
-                        RTCRayHit cRay = MakeRay(cRays, i, fMaxDistance);
-                        HitContext cContext{{}, fMaxDistance, std::numeric_limits<float>::lowest(), -1, -1,
-                                            0,  nullptr};
-                        rtcInitIntersectContext(&cContext.cBase);
-                        if (pTaskHits != nullptr)
+                        std::vector<float> aRayHits;
+                        std::vector<float>* pTaskHits = aTaskHits.empty() ? nullptr : &aTaskHits[iTask];
+                        const std::size_t iEnd = std::min(nRays, (iTask + 1) * c_nRaysPerTask);
+                        for (std::size_t i = iTask * c_nRaysPerTask; i < iEnd; ++i)
                         {
-                            aRayHits.clear();
-                            cContext.pHits = &aRayHits;
-                        }
-                        if (!(cRay.ray.tfar > 0.0f)) // not traced, like the library
-                            cRay.ray.tfar = -1.0f;
-                        rtcIntersect1(cScene.hScene, &cContext.cBase, &cRay);
-                        if (bClosestOnly)
-                        {
-                            const bool bHit = cRay.hit.geomID != RTC_INVALID_GEOMETRY_ID;
-                            cResults.aNearestDistance[i] = bHit ? cRay.ray.tfar : fMaxDistance;
-                            if (!cResults.aNearestIndex.empty())
-                                cResults.aNearestIndex[i] = bHit ? static_cast<int>(cRay.hit.primID) : -1;
-                        }
-                        else if (eMode == TraceMode::Count)
-                            cResults.aCounts[i] = cContext.nHits;
-                        else if (eMode == TraceMode::All)
-                        {
-                            std::sort(aRayHits.begin(), aRayHits.end());
-                            cResults.aCounts[i] = aRayHits.size();
-                            pTaskHits->insert(pTaskHits->end(), aRayHits.begin(), aRayHits.end());
-                        }
-                        else
-                        {
-                            cResults.aNearestDistance[i] = cContext.fNearest;
-                            cResults.aFarthestDistance[i] = cContext.fFarthest;
-                            if (!cResults.aNearestIndex.empty())
+                            RTCRayHit cRay = MakeRay(cRays, i, fMaxDistance);
+                            HitContext cContext{
+                                {}, fMaxDistance, std::numeric_limits<float>::lowest(), -1, -1, 0, nullptr};
+                            rtcInitIntersectContext(&cContext.cBase);
+                            if (pTaskHits != nullptr)
                             {
-                                cResults.aNearestIndex[i] = cContext.iNearest;
-                                cResults.aFarthestIndex[i] = cContext.iFarthest;
+                                aRayHits.clear();
+                                cContext.pHits = &aRayHits;
+                            }
+                            if (!(cRay.ray.tfar > 0.0f)) // not traced, like the library
+                                cRay.ray.tfar = -1.0f;
+                            rtcIntersect1(cScene.hScene, &cContext.cBase, &cRay);
+                            if (bClosestOnly)
+                            {
+                                const bool bHit = cRay.hit.geomID != RTC_INVALID_GEOMETRY_ID;
+                                cResults.aNearestDistance[i] = bHit ? cRay.ray.tfar : fMaxDistance;
+                                if (!cResults.aNearestIndex.empty())
+                                    cResults.aNearestIndex[i] = bHit ? static_cast<int>(cRay.hit.primID) : -1;
+                            }
+                            else if (eMode == TraceMode::Count)
+                                cResults.aCounts[i] = cContext.nHits;
+                            else if (eMode == TraceMode::All)
+                            {
+                                std::sort(aRayHits.begin(), aRayHits.end());
+                                cResults.aCounts[i] = aRayHits.size();
+                                pTaskHits->insert(pTaskHits->end(), aRayHits.begin(), aRayHits.end());
+                            }
+                            else
+                            {
+                                cResults.aNearestDistance[i] = cContext.fNearest;
+                                cResults.aFarthestDistance[i] = cContext.fFarthest;
+                                if (!cResults.aNearestIndex.empty())
+                                {
+                                    cResults.aNearestIndex[i] = cContext.iNearest;
+                                    cResults.aFarthestIndex[i] = cContext.iFarthest;
+                                }
                             }
                         }
-                    }
-                });
+                    });
+                cSeconds.fTrace =
+                    iTrace == 0 ? Since(cTraceStart) : std::min(cSeconds.fTrace, Since(cTraceStart));
+            }
         });
     if (eMode == TraceMode::All)
     {
@@ -193,5 +204,5 @@ double TraceWithEmbree(const Mesh& cMesh, const Rays& cRays, TraceMode eMode, fl
         for (const std::vector<float>& aHits : aTaskHits)
             cResults.aAllHits.insert(cResults.aAllHits.end(), aHits.begin(), aHits.end());
     }
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - cStart).count();
+    return cSeconds;
 }

@@ -90,8 +90,9 @@ ErrorResult TraceDriver::ProcessBatch(RunState& run, std::size_t iBatchStart, st
     // clang-format on
 
     SbtRecord raygen_record = {};
-    run.cResult = MakeOptixError(optixSbtRecordPackHeader(run.raygen_prog_group.get(), &raygen_record),
-                                 "optixSbtRecordPackHeader");
+    run.cResult =
+        MakeOptixError(optixSbtRecordPackHeader(run.pPrograms->raygen_prog_group.get(), &raygen_record),
+                       "optixSbtRecordPackHeader");
     if (run.cResult.first != Success)
         return run.cResult;
 
@@ -186,9 +187,9 @@ ErrorResult TraceDriver::LaunchBatch(RunState& run, TParams& params, const char*
     if (bAllHits && iRun == 1)
     {
         SbtRecord hitgroup_record = {};
-        run.cResult =
-            MakeOptixError(optixSbtRecordPackHeader(run.hitgroup_prog_group.get(), &hitgroup_record),
-                           "optixSbtRecordPackHeader");
+        run.cResult = MakeOptixError(
+            optixSbtRecordPackHeader(run.pPrograms->hitgroup_prog_group.get(), &hitgroup_record),
+            "optixSbtRecordPackHeader");
         if (run.cResult.first != Success)
             return run.cResult;
         hitgroup_record.aData[0] = reinterpret_cast<unsigned long long>(run.d_ray_all_hits.data());
@@ -213,8 +214,8 @@ ErrorResult TraceDriver::LaunchBatch(RunState& run, TParams& params, const char*
     run.d_raygen_record.Assign(raygen_record);
     run.sbt.raygenRecord = run.d_raygen_record.DevicePointer();
 
-    run.cResult = MakeOptixError(optixLaunch(run.pipeline.get(), cStream.GetStream(), 0, 0, &run.sbt,
-                                             static_cast<unsigned int>(nProcessRays), 1, 1),
+    run.cResult = MakeOptixError(optixLaunch(run.pPrograms->pipeline.get(), cStream.GetStream(), 0, 0,
+                                             &run.sbt, static_cast<unsigned int>(nProcessRays), 1, 1),
                                  sLaunchName);
     if (run.cResult.first != Success)
         return run.cResult;

@@ -40,7 +40,7 @@ std::string MakeOptixLogMessage(const char* sCall, const char* sFile, unsigned i
     do                                                                                                       \
     {                                                                                                        \
         LOG_SIZE = sizeof(LOG);                                                                              \
-        LOG[0] = '\0'; /* a call that fails before writing its log must not quote an earlier one */        \
+        LOG[0] = '\0'; /* a call that fails before writing its log must not quote an earlier one */          \
         const OptixResult nLogCheckResult = (call);                                                          \
         if (nLogCheckResult != OPTIX_SUCCESS)                                                                \
             throw MakeOptixLogMessage(#call, __FILE__, __LINE__, LOG, sizeof(LOG), LOG_SIZE);                \

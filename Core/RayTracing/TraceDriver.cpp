@@ -1,31 +1,16 @@
 #include "TraceDriver.h"
 
-#include <cstring>
+#include <algorithm>
 
 #include "BatchPlanning.h"
-#include "OptixPrograms.h"
+#include "SceneState.h"
 #include "TriangleChunks.h"
-
-namespace
-{
-constexpr std::size_t c_nLogCapacity = 65536;
-}
 
 RunState::RunState(ErrorResult& cRunningResult, cudaStream_t stream, bool bUseMemoryPool)
     : cResult(cRunningResult),
       context(MakeOptixHolder<OptixDeviceContext_t>(cRunningResult, optixDeviceContextDestroy,
                                                     "optixDeviceContextDestroy(context)")),
-      module(
-          MakeOptixHolder<OptixModule_t>(cRunningResult, optixModuleDestroy, "optixModuleDestroy(module)")),
-      raygen_prog_group(MakeOptixHolder<OptixProgramGroup_t>(cRunningResult, optixProgramGroupDestroy,
-                                                             "optixProgramGroupDestroy(raygen_prog_group)")),
-      miss_prog_group(MakeOptixHolder<OptixProgramGroup_t>(cRunningResult, optixProgramGroupDestroy,
-                                                           "optixProgramGroupDestroy(miss_prog_group)")),
-      hitgroup_prog_group(MakeOptixHolder<OptixProgramGroup_t>(
-          cRunningResult, optixProgramGroupDestroy, "optixProgramGroupDestroy(hitgroup_prog_group)")),
-      pipeline(MakeOptixHolder<OptixPipeline_t>(cRunningResult, optixPipelineDestroy,
-                                                "optixPipelineDestroy(pipeline)")),
-      d_gas_temp(stream, bUseMemoryPool), d_gas_output(stream, bUseMemoryPool),
+      programs(cRunningResult), d_gas_temp(stream, bUseMemoryPool), d_gas_output(stream, bUseMemoryPool),
       d_ray_origins(stream, bUseMemoryPool), d_ray_directions(stream, bUseMemoryPool),
       d_ray_distances(stream, bUseMemoryPool), d_ray_count_hits(stream, bUseMemoryPool),
       d_ray_all_hits(stream, bUseMemoryPool), d_ray_first_index(stream, bUseMemoryPool),
@@ -34,27 +19,29 @@ RunState::RunState(ErrorResult& cRunningResult, cudaStream_t stream, bool bUseMe
 {
 }
 
-TraceDriver::TraceDriver(RayTracingResults& cRayTracingResults, std::uint64_t nTriangles,
-                         const float* pTriangles, std::uint64_t nRays, const float* pOrigin,
-                         const float* pDirection, const float* pDistance, int iGpuId, bool bDiagnostics,
-                         float fMaxDistance, std::uint64_t nFreeGPUMemory, std::deque<std::string>& aLog,
-                         CudaStream& cStream, bool bMemoryPoolsSupported, bool bCC75,
-                         unsigned int uGeometryFlags, bool bAllHits, bool bIndices, bool bFirstHitOnly,
-                         std::uint64_t nBytesPerRay)
-    : cRayTracingResults(cRayTracingResults), nTriangles(nTriangles), pTriangles(pTriangles), nRays(nRays),
-      pOrigin(pOrigin), pDirection(pDirection), pDistance(pDistance), iGpuId(iGpuId),
-      bDiagnostics(bDiagnostics), fMaxDistance(fMaxDistance), nFreeGPUMemory(nFreeGPUMemory), aLog(aLog),
-      cStream(cStream), bMemoryPoolsSupported(bMemoryPoolsSupported), bCC75(bCC75),
-      uGeometryFlags(uGeometryFlags), bAllHits(bAllHits), bIndices(bIndices), bFirstHitOnly(bFirstHitOnly),
-      nBytesPerRay(nBytesPerRay)
+TraceDriver::TraceDriver(const TraceRequest& cRequest, const DeviceBudget& cBudget, int iGpuId,
+                         bool bDiagnostics, std::deque<std::string>& aLog, CudaStream& cStream,
+                         SceneState* pScene)
+    : cRayTracingResults(cRequest.cRayTracingResults), nTriangles(cRequest.nTriangles),
+      pTriangles(cRequest.pTriangles), nRays(cRequest.nRays), pOrigin(cRequest.pOrigin),
+      pDirection(cRequest.pDirection), pDistance(cRequest.pDistance), iGpuId(iGpuId),
+      bDiagnostics(bDiagnostics), fMaxDistance(cRequest.fMaxDistance), nFreeGPUMemory(cBudget.nFreeGPUMemory),
+      aLog(aLog), cStream(cStream), bMemoryPoolsSupported(cBudget.bMemoryPoolsSupported),
+      bCC75(cBudget.bCC75), uGeometryFlags(cRequest.cMode.uGeometryFlags), bAllHits(cRequest.cMode.bAllHits),
+      bIndices(cRequest.cMode.bIndices), bFirstHitOnly(cRequest.cMode.bFirstHitOnly),
+      nBytesPerRay(cRequest.cMode.nBytesPerRay), pScene(pScene)
 {
 }
 
 ErrorResult TraceDriver::Run()
 {
-    const ErrorResult cInit = MakeOptixError(optixInit(), "optixInit");
-    if (cInit.first != Success)
-        return cInit;
+    // A scene filled the function table when it was created.
+    if (pScene == nullptr)
+    {
+        const ErrorResult cInit = MakeOptixError(optixInit(), "optixInit");
+        if (cInit.first != Success)
+            return cInit;
+    }
     const std::uint8_t nRuns = 1 + (cRayTracingResults.bCollectAllHits ? 1 : 0);
     for (iRun = 0; iRun < nRuns; ++iRun)
     {
@@ -79,48 +66,102 @@ ErrorResult TraceDriver::RunOnce()
     return cRunningResult;
 }
 
+// The stateless run's own context (with diagnostics its fatal messages go to aLog) and pipeline.
+ErrorResult TraceDriver::CreateRunObjects(RunState& run, std::uint64_t nBudget)
+{
+    OptixDeviceContext context_raw = nullptr;
+    if (bDiagnostics)
+    {
+        OptixDeviceContextOptions options = {};
+        options.logCallbackFunction = &ContextLogCallback;
+        options.logCallbackData = &aLog;
+        options.logCallbackLevel = 1;
+        options.validationMode = OPTIX_DEVICE_CONTEXT_VALIDATION_MODE_OFF;
+        run.cResult = MakeOptixError(optixDeviceContextCreate(0, &options, &context_raw),
+                                     "optixDeviceContextCreateWithDiagnostics");
+    }
+    else
+        run.cResult =
+            MakeOptixError(optixDeviceContextCreate(0, nullptr, &context_raw), "optixDeviceContextCreate");
+    if (run.cResult.first != Success)
+        return run.cResult;
+    run.context.reset(context_raw);
+
+    run.pStack = &cStack;
+    return CreatePipeline(run.programs, run.cResult, run.context, {bAllHits, bIndices, bFirstHitOnly, iRun},
+                          iGpuId, nBudget, cStack);
+}
+
+// A scene's context, and its pipeline of this run's module, compiled on first use.
+ErrorResult TraceDriver::BorrowSceneObjects(RunState& run, std::uint64_t nBudget)
+{
+    run.pContext = &pScene->Context();
+    KeptPipeline* pPipeline = nullptr;
+    const ErrorResult cResult =
+        pScene->FindOrCreatePipeline({bAllHits, bIndices, bFirstHitOnly, iRun}, nBudget, pPipeline);
+    if (cResult.first != Success)
+        return cResult;
+    run.pPrograms = &pPipeline->programs;
+    run.pStack = &pPipeline->cStack;
+    return SuccessResult();
+}
+
+// The chunk size of the whole request: the scene's kept chunks, or the largest that fits beside a minimum ray
+// batch and whatever the scene keeps (released when even one chunk would not fit beside it).
+ErrorResult TraceDriver::SizeTriangleChunks(RunState& run, std::uint64_t nBudget)
+{
+    if (pScene != nullptr)
+    {
+        const ErrorResult cResult = pScene->PrepareKeptAccel(uGeometryFlags, nBudget, pKeptAccel);
+        if (cResult.first != Success)
+            return cResult;
+        if (pKeptAccel != nullptr)
+        {
+            nTrianglesPerChunk = pKeptAccel->nTrianglesPerChunk;
+            nGasBytes = pScene->KeptBytes();
+            return SuccessResult();
+        }
+    }
+    OptixAccelBuildOptions accel_options = {};
+    accel_options.buildFlags = OPTIX_BUILD_FLAG_NONE;
+    accel_options.operation = OPTIX_BUILD_OPERATION_BUILD;
+    for (;;)
+    {
+        const std::uint64_t nKept = pScene != nullptr ? pScene->KeptBytes() : 0;
+        const std::uint64_t nRoom = nBudget - (nBytesPerRay << 20);
+        const auto cChunk = nRoom > nKept
+                                ? FindTriangleChunkSize(run.pContext->get(), nTriangles, nRoom - nKept,
+                                                        uGeometryFlags, accel_options)
+                                : std::pair<std::size_t, std::size_t>(0, 0);
+        if (cChunk.first == 0 && nKept > 0)
+        {
+            pScene->ReleaseKeptAccels();
+            continue;
+        }
+        nTrianglesPerChunk = cChunk.first;
+        nGasBytes = cChunk.second + nKept;
+        return SuccessResult();
+    }
+}
+
 ErrorResult TraceDriver::TraceRun(RunState& run)
 {
     std::uint64_t nBudget = nFreeGPUMemory;
 
-    // Device context; with diagnostics its fatal messages go to aLog.
-    {
-        OptixDeviceContext context_raw = nullptr;
-        if (bDiagnostics)
-        {
-            OptixDeviceContextOptions options = {};
-            options.logCallbackFunction = &ContextLogCallback;
-            options.logCallbackData = &aLog;
-            options.logCallbackLevel = 1;
-            options.validationMode = OPTIX_DEVICE_CONTEXT_VALIDATION_MODE_OFF;
-            run.cResult = MakeOptixError(optixDeviceContextCreate(0, &options, &context_raw),
-                                         "optixDeviceContextCreateWithDiagnostics");
-        }
-        else
-            run.cResult = MakeOptixError(optixDeviceContextCreate(0, nullptr, &context_raw),
-                                         "optixDeviceContextCreate");
-        if (run.cResult.first != Success)
-            return run.cResult;
-        run.context.reset(context_raw);
-    }
-
-    ErrorResult cResult = CreatePipeline(run, nBudget);
+    ErrorResult cResult =
+        pScene != nullptr ? BorrowSceneObjects(run, nBudget) : CreateRunObjects(run, nBudget);
     if (cResult.first != Success)
         return cResult;
 
-    nBudget -= nStackBytes;
+    nBudget -= run.pStack->nStackBytes;
     if (nBudget < nBytesPerRay * c_nMinimumRaysPerBatch)
         return {OutOfMemory, "Not enough free GPU memory for ray buffers."};
 
     if (iRun == 0)
     {
-        OptixAccelBuildOptions accel_options = {};
-        accel_options.buildFlags = OPTIX_BUILD_FLAG_NONE;
-        accel_options.operation = OPTIX_BUILD_OPERATION_BUILD;
-        const auto cChunk = FindTriangleChunkSize(
-            run.context.get(), nTriangles, nBudget - (nBytesPerRay << 20), uGeometryFlags, accel_options);
-        nTrianglesPerChunk = cChunk.first;
-        nGasBytes = cChunk.second;
+        cResult = SizeTriangleChunks(run, nBudget);
+        if (cResult.first != Success)
+            return cResult;
         if (nTrianglesPerChunk == 0)
             return {OutOfMemory, "Not enough free GPU memory for any triangle chunk."};
     }
@@ -151,12 +192,19 @@ ErrorResult TraceDriver::TraceRun(RunState& run)
 
     bMerge = false;
     nTotalHits = 0;
-    for (std::size_t iStart = 0; iStart < nTriangles;)
+    for (std::size_t iStart = 0, iChunk = 0; iStart < nTriangles; ++iChunk)
     {
         const std::size_t iEnd = std::min<std::size_t>(iStart + nTrianglesPerChunk, nTriangles);
-        cResult = BuildChunkGas(run, iStart, iEnd);
-        if (cResult.first != Success)
-            return cResult;
+        if (pKeptAccel != nullptr)
+            run.gas_handle = pKeptAccel->aChunks[iChunk]->gas_handle;
+        else
+        {
+            cResult =
+                BuildChunkGas(run.pContext->get(), cStream, bMemoryPoolsSupported, pTriangles, iStart, iEnd,
+                              uGeometryFlags, run.d_gas_temp, run.d_gas_output, run.gas_handle, run.cResult);
+            if (cResult.first != Success)
+                return cResult;
+        }
         if (iRun == 0)
         {
             const std::uint64_t nBatches = (nRays + nRaysPerBatch - 1) / nRaysPerBatch;
@@ -199,156 +247,20 @@ ErrorResult TraceDriver::TraceRun(RunState& run)
     return SuccessResult();
 }
 
-ErrorResult TraceDriver::CreatePipeline(RunState& run, std::uint64_t nBudget)
-{
-    auto& context = run.context;
-    char LOG[c_nLogCapacity];
-    size_t LOG_SIZE = sizeof(LOG);
-
-    OptixModuleCompileOptions module_compile_options = {};
-    OptixPipelineCompileOptions pipeline_compile_options = {};
-    pipeline_compile_options.usesMotionBlur = 0;
-    pipeline_compile_options.traversableGraphFlags = OPTIX_TRAVERSABLE_GRAPH_FLAG_ALLOW_SINGLE_GAS;
-    pipeline_compile_options.numPayloadValues = bAllHits ? 2 : (bFirstHitOnly ? 1 : 2) << (bIndices ? 1 : 0);
-    pipeline_compile_options.numAttributeValues = 2;
-    pipeline_compile_options.exceptionFlags = OPTIX_EXCEPTION_FLAG_NONE;
-    pipeline_compile_options.pipelineLaunchParamsVariableName = nullptr;
-    pipeline_compile_options.usesPrimitiveTypeFlags = OPTIX_PRIMITIVE_TYPE_FLAGS_TRIANGLE;
-
-    const char* sModuleText = bAllHits
-                                  ? iRun == (uint8_t)0 ? c_sOptixTriangleCountHits2 : c_sOptixTriangleAllHits2
-                              : bIndices ? bFirstHitOnly ? c_sOptixTriangleOneHit2 : c_sOptixTriangleTwoHits4
-                              : bFirstHitOnly ? c_sOptixTriangleOneHitDistance1
-                                              : c_sOptixTriangleTwoHitsDistance2;
-    const char* sRaygenName = bAllHits ? iRun == (uint8_t)0 ? "__raygen__rgCountHits" : "__raygen__rgAllHits"
-                              : bIndices      ? bFirstHitOnly ? "__raygen__rgFirst" : "__raygen__rgFirstLast"
-                              : bFirstHitOnly ? "__raygen__rgFirstDistance"
-                                              : "__raygen__rgFirstLastDistance";
-    const size_t inputSize = std::strlen(sModuleText);
-
-    OptixModule module_raw = nullptr;
-    // clang-format off
-    CHECK_OPTIX_LOG(optixModuleCreate( context.get(), &module_compile_options, &pipeline_compile_options, bAllHits ? iRun == (uint8_t)0 ? c_sOptixTriangleCountHits2 : c_sOptixTriangleAllHits2 : bIndices ? bFirstHitOnly ? c_sOptixTriangleOneHit2 : c_sOptixTriangleTwoHits4 : bFirstHitOnly ? c_sOptixTriangleOneHitDistance1 : c_sOptixTriangleTwoHitsDistance2, inputSize, LOG, &LOG_SIZE, &module_raw));
-    // clang-format on
-    run.module.reset(module_raw);
-
-    OptixProgramGroupOptions program_group_options = {};
-    OptixProgramGroupDesc raygen_prog_group_desc;
-    std::memset(&raygen_prog_group_desc, 0, sizeof(raygen_prog_group_desc));
-    raygen_prog_group_desc.kind = OPTIX_PROGRAM_GROUP_KIND_RAYGEN;
-    raygen_prog_group_desc.flags = OPTIX_PROGRAM_GROUP_FLAGS_NONE;
-    raygen_prog_group_desc.raygen.module = run.module.get();
-    raygen_prog_group_desc.raygen.entryFunctionName = sRaygenName;
-    OptixProgramGroup raygen_prog_group_raw = nullptr;
-    // clang-format off
-    CHECK_OPTIX_LOG(optixProgramGroupCreate( context.get(), &raygen_prog_group_desc, 1, &program_group_options, LOG, &LOG_SIZE, &raygen_prog_group_raw ));
-    // clang-format on
-    run.raygen_prog_group.reset(raygen_prog_group_raw);
-
-    OptixProgramGroupDesc miss_prog_group_desc;
-    std::memset(&miss_prog_group_desc, 0, sizeof(miss_prog_group_desc));
-    miss_prog_group_desc.kind = OPTIX_PROGRAM_GROUP_KIND_MISS;
-    miss_prog_group_desc.flags = OPTIX_PROGRAM_GROUP_FLAGS_NONE;
-    miss_prog_group_desc.miss.module = run.module.get();
-    miss_prog_group_desc.miss.entryFunctionName = "__miss__ms";
-    OptixProgramGroup miss_prog_group_raw = nullptr;
-    // clang-format off
-    CHECK_OPTIX_LOG(optixProgramGroupCreate( context.get(), &miss_prog_group_desc, 1, &program_group_options, LOG, &LOG_SIZE, &miss_prog_group_raw ));
-    // clang-format on
-    run.miss_prog_group.reset(miss_prog_group_raw);
-
-    // Only the nearest-only modes use the traversal's closest hit; the others see every hit in any-hit.
-    // The descriptors are unions: memset, because "= {}" promises zeros only in the first member.
-    OptixProgramGroupDesc hitgroup_prog_group_desc;
-    std::memset(&hitgroup_prog_group_desc, 0, sizeof(hitgroup_prog_group_desc));
-    hitgroup_prog_group_desc.kind = OPTIX_PROGRAM_GROUP_KIND_HITGROUP;
-    hitgroup_prog_group_desc.flags = OPTIX_PROGRAM_GROUP_FLAGS_NONE;
-    if (!bAllHits && bFirstHitOnly)
-    {
-        hitgroup_prog_group_desc.hitgroup.moduleCH = run.module.get();
-        hitgroup_prog_group_desc.hitgroup.entryFunctionNameCH = "__closesthit__ch";
-    }
-    else
-    {
-        hitgroup_prog_group_desc.hitgroup.moduleAH = run.module.get();
-        hitgroup_prog_group_desc.hitgroup.entryFunctionNameAH = "__anyhit__ah";
-    }
-    OptixProgramGroup hitgroup_prog_group_raw = nullptr;
-    // clang-format off
-    CHECK_OPTIX_LOG(optixProgramGroupCreate( context.get(), &hitgroup_prog_group_desc, 1, &program_group_options, LOG, &LOG_SIZE, &hitgroup_prog_group_raw ));
-    // clang-format on
-    run.hitgroup_prog_group.reset(hitgroup_prog_group_raw);
-
-    OptixPipelineLinkOptions pipeline_link_options = {};
-    pipeline_link_options.maxTraceDepth = 2;
-    OptixProgramGroup program_groups[] = {run.raygen_prog_group.get(), run.miss_prog_group.get(),
-                                          run.hitgroup_prog_group.get()};
-    OptixPipeline pipeline_raw = nullptr;
-    // clang-format off
-    CHECK_OPTIX_LOG(optixPipelineCreate( context.get(), &pipeline_compile_options, &pipeline_link_options, program_groups, _countof(program_groups), LOG, &LOG_SIZE, &pipeline_raw ));
-    // clang-format on
-    run.pipeline.reset(pipeline_raw);
-
-    OptixStackSizes stack_sizes = {};
-    for (OptixProgramGroup group : program_groups)
-    {
-        run.cResult = MakeOptixError(optixUtilAccumulateStackSizes(group, &stack_sizes, run.pipeline.get()),
-                                     "optixUtilAccumulateStackSizes");
-        if (run.cResult.first != Success)
-            return run.cResult;
-    }
-    unsigned int nDirectCallableStackSizeFromTraversal = 0;
-    unsigned int nDirectCallableStackSizeFromState = 0;
-    unsigned int nContinuationStackSize = 0;
-    run.cResult = MakeOptixError(
-        optixUtilComputeStackSizes(&stack_sizes, 2, 0, 0, &nDirectCallableStackSizeFromTraversal,
-                                   &nDirectCallableStackSizeFromState, &nContinuationStackSize),
-        "optixUtilComputeStackSizes");
-    if (run.cResult.first != Success)
-        return run.cResult;
-
-    // One rounded continuation stack for every thread the GPU holds at once; estimated again only when the
-    // sizes changed since the last run.
-    const unsigned int aStackSizes[3] = {nDirectCallableStackSizeFromTraversal,
-                                         nDirectCallableStackSizeFromState, nContinuationStackSize};
-    if (!bStackEstimated || std::memcmp(aStackSizes, aStackSizesEstimated, sizeof(aStackSizes)) != 0)
-    {
-        cudaDeviceProp prop;
-        int nMaxThreadsPerMultiProcessor = 0;
-        // clang-format off
-        CHECK_CUDA(cudaGetDeviceProperties(&prop, iGpuId));
-        CHECK_CUDA(cudaDeviceGetAttribute(&nMaxThreadsPerMultiProcessor, cudaDevAttrMaxThreadsPerMultiProcessor, iGpuId));
-        // clang-format on
-        const unsigned int nRoundedStack = (nContinuationStackSize + 255u) & ~255u;
-        nStackBytes = static_cast<std::uint64_t>(nRoundedStack) *
-                      static_cast<std::uint64_t>(prop.multiProcessorCount) *
-                      static_cast<std::uint64_t>(nMaxThreadsPerMultiProcessor);
-        if (nBudget <= nStackBytes)
-            return {OutOfMemory, "Not enough free GPU memory."};
-        std::memcpy(aStackSizesEstimated, aStackSizes, sizeof(aStackSizes));
-        bStackEstimated = true;
-    }
-
-    run.cResult = MakeOptixError(
-        optixPipelineSetStackSize(run.pipeline.get(), nDirectCallableStackSizeFromTraversal,
-                                  nDirectCallableStackSizeFromState, nContinuationStackSize, 1),
-        "optixPipelineSetStackSize");
-    return run.cResult;
-}
-
 ErrorResult TraceDriver::CreateShaderBindingTable(RunState& run)
 {
     run.sbt = {};
     SbtRecord miss_record = {};
-    run.cResult = MakeOptixError(optixSbtRecordPackHeader(run.miss_prog_group.get(), &miss_record),
+    run.cResult = MakeOptixError(optixSbtRecordPackHeader(run.pPrograms->miss_prog_group.get(), &miss_record),
                                  "optixSbtRecordPackHeader");
     if (run.cResult.first != Success)
         return run.cResult;
     run.d_miss_record.Assign(miss_record);
 
     SbtRecord hitgroup_record = {};
-    run.cResult = MakeOptixError(optixSbtRecordPackHeader(run.hitgroup_prog_group.get(), &hitgroup_record),
-                                 "optixSbtRecordPackHeader");
+    run.cResult =
+        MakeOptixError(optixSbtRecordPackHeader(run.pPrograms->hitgroup_prog_group.get(), &hitgroup_record),
+                       "optixSbtRecordPackHeader");
     if (run.cResult.first != Success)
         return run.cResult;
     run.d_hitgroup_record.Assign(hitgroup_record);
@@ -359,38 +271,5 @@ ErrorResult TraceDriver::CreateShaderBindingTable(RunState& run)
     run.sbt.hitgroupRecordBase = run.d_hitgroup_record.DevicePointer();
     run.sbt.hitgroupRecordStrideInBytes = sizeof(SbtRecord);
     run.sbt.hitgroupRecordCount = 1;
-    return run.cResult;
-}
-
-ErrorResult TraceDriver::BuildChunkGas(RunState& run, std::size_t iStart, std::size_t iEnd)
-{
-    // Released on every exit; a plain cudaFree waits for the build that reads it.
-    DeviceBuffer<float3> d_vertices(cStream.GetStream(), bMemoryPoolsSupported);
-    d_vertices.resize((size_t)3 * (iEnd - iStart));
-    // clang-format off
-    CHECK_CUDA(cudaMemcpyAsync(d_vertices.data(), reinterpret_cast<const float3*>(pTriangles) + (size_t)3 * iStart, (size_t)3 * (iEnd - iStart) * sizeof(float3), cudaMemcpyHostToDevice, cStream.GetStream()));
-    // clang-format on
-
-    const CUdeviceptr vertexBuffer = reinterpret_cast<CUdeviceptr>(d_vertices.data());
-    const OptixBuildInput input =
-        MakeTriangleBuildInput(&vertexBuffer, static_cast<unsigned int>(3 * (iEnd - iStart)), 0,
-                               &uGeometryFlags, static_cast<unsigned int>(iStart));
-    OptixAccelBuildOptions opts = {};
-    opts.buildFlags = OPTIX_BUILD_FLAG_NONE;
-    opts.operation = OPTIX_BUILD_OPERATION_BUILD;
-    OptixAccelBufferSizes sizes = {};
-    run.cResult = MakeOptixError(optixAccelComputeMemoryUsage(run.context.get(), &opts, &input, 1, &sizes),
-                                 "optixAccelComputeMemoryUsage");
-    if (run.cResult.first != Success)
-        return run.cResult;
-
-    run.d_gas_temp.resize(sizes.tempSizeInBytes);
-    run.d_gas_output.resize(sizes.outputSizeInBytes);
-    run.cResult = MakeOptixError(optixAccelBuild(run.context.get(), cStream.GetStream(), &opts, &input, 1,
-                                                 reinterpret_cast<CUdeviceptr>(run.d_gas_temp.data()),
-                                                 sizes.tempSizeInBytes,
-                                                 reinterpret_cast<CUdeviceptr>(run.d_gas_output.data()),
-                                                 sizes.outputSizeInBytes, &run.gas_handle, nullptr, 0),
-                                 "optixAccelBuild");
     return run.cResult;
 }

@@ -5,6 +5,7 @@
 
 #include "OptixApi.h"
 #include "RayTracingChecks.h"
+#include "ThrustExtra.h"
 
 OptixBuildInput MakeTriangleBuildInput(const CUdeviceptr* pVertexBuffer, unsigned int numVertices,
                                        unsigned int vertexStrideInBytes, const unsigned int* pGeometryFlags,
@@ -85,4 +86,41 @@ std::pair<std::size_t, std::size_t> FindTriangleChunkSize(OptixDeviceContext ctx
             hi = mid;
     }
     return {lo, nLoBytes};
+}
+
+ErrorResult BuildChunkGas(OptixDeviceContext hContext, CudaStream& cStream, bool bMemoryPoolsSupported,
+                          const float* pTriangles, std::size_t iStart, std::size_t iEnd,
+                          const unsigned int& uGeometryFlags, DeviceBuffer<char>& d_gas_temp,
+                          DeviceBuffer<char>& d_gas_output, OptixTraversableHandle& gas_handle,
+                          ErrorResult& cRunningResult)
+{
+    // Released on every exit; a plain cudaFree waits for the build that reads it.
+    DeviceBuffer<float3> d_vertices(cStream.GetStream(), bMemoryPoolsSupported);
+    d_vertices.resize((size_t)3 * (iEnd - iStart));
+    // clang-format off
+    CHECK_CUDA(cudaMemcpyAsync(d_vertices.data(), reinterpret_cast<const float3*>(pTriangles) + (size_t)3 * iStart, (size_t)3 * (iEnd - iStart) * sizeof(float3), cudaMemcpyHostToDevice, cStream.GetStream()));
+    // clang-format on
+
+    const CUdeviceptr vertexBuffer = reinterpret_cast<CUdeviceptr>(d_vertices.data());
+    const OptixBuildInput input =
+        MakeTriangleBuildInput(&vertexBuffer, static_cast<unsigned int>(3 * (iEnd - iStart)), 0,
+                               &uGeometryFlags, static_cast<unsigned int>(iStart));
+    OptixAccelBuildOptions opts = {};
+    opts.buildFlags = OPTIX_BUILD_FLAG_NONE;
+    opts.operation = OPTIX_BUILD_OPERATION_BUILD;
+    OptixAccelBufferSizes sizes = {};
+    cRunningResult = MakeOptixError(optixAccelComputeMemoryUsage(hContext, &opts, &input, 1, &sizes),
+                                    "optixAccelComputeMemoryUsage");
+    if (cRunningResult.first != Success)
+        return cRunningResult;
+
+    d_gas_temp.resize(sizes.tempSizeInBytes);
+    d_gas_output.resize(sizes.outputSizeInBytes);
+    cRunningResult = MakeOptixError(optixAccelBuild(hContext, cStream.GetStream(), &opts, &input, 1,
+                                                    reinterpret_cast<CUdeviceptr>(d_gas_temp.data()),
+                                                    sizes.tempSizeInBytes,
+                                                    reinterpret_cast<CUdeviceptr>(d_gas_output.data()),
+                                                    sizes.outputSizeInBytes, &gas_handle, nullptr, 0),
+                                    "optixAccelBuild");
+    return cRunningResult;
 }

@@ -6,6 +6,8 @@
 #include <utility>
 
 #include "OptixTypes.h"
+#include "RayTracingChecks.h"
+#include "ThrustExtra.h"
 
 constexpr std::size_t c_nChunkBudgetFloor = 268435456;          // 256 MiB kept out of every chunk budget
 constexpr std::size_t c_nMaximumTrianglesPerChunk = 1431655765; // 3 * n vertices fit 32 bits
@@ -19,3 +21,12 @@ std::pair<std::size_t, std::size_t> FindTriangleChunkSize(OptixDeviceContext ctx
 OptixBuildInput MakeTriangleBuildInput(const CUdeviceptr* pVertexBuffer, unsigned int numVertices,
                                        unsigned int vertexStrideInBytes, const unsigned int* pGeometryFlags,
                                        unsigned int primitiveIndexOffset);
+
+// Builds the acceleration structure of triangles [iStart, iEnd) into d_gas_output, with d_gas_temp as build
+// scratch; the vertices go up through a buffer released on return. OptiX failures are returned (and recorded
+// in cRunningResult); CUDA failures throw.
+ErrorResult BuildChunkGas(OptixDeviceContext hContext, CudaStream& cStream, bool bMemoryPoolsSupported,
+                          const float* pTriangles, std::size_t iStart, std::size_t iEnd,
+                          const unsigned int& uGeometryFlags, DeviceBuffer<char>& d_gas_temp,
+                          DeviceBuffer<char>& d_gas_output, OptixTraversableHandle& gas_handle,
+                          ErrorResult& cRunningResult);

@@ -1,8 +1,8 @@
 # cmake -DNM=nm -DLIBRARY=lib.so [-DEXPECTED=a|b] [-DEXTRA=prefix] -P CheckExports.cmake
 # Fails unless the library's defined dynamic symbols are exactly EXPECTED (default: the three names of the
-# interface), plus any whose demangled name starts with EXTRA.
+# interface and the scene), plus any whose demangled name starts with EXTRA.
 if(NOT EXPECTED)
-    set(EXPECTED "RayTracing(RayTracingResults&, unsigned long, float const*, unsigned long, float const*, float const*, float const*, int, std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >&, std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >&, bool, float, unsigned long)|GetOptixVersion()|NvOptimusEnablementCuda")
+    set(EXPECTED "RayTracing(RayTracingResults&, unsigned long, float const*, unsigned long, float const*, float const*, float const*, int, std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >&, std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >&, bool, float, unsigned long)|GetOptixVersion()|NvOptimusEnablementCuda|RayTracingScene::Create(std::unique_ptr<RayTracingScene, std::default_delete<RayTracingScene> >&, unsigned long, float const*, int, std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >&, std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >&, bool, unsigned long)|RayTracingScene::Trace(RayTracingResults&, unsigned long, float const*, float const*, float const*, std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >&, std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >&, float)|RayTracingScene::TriangleCount() const|RayTracingScene::KeptStructures() const|RayTracingScene::~RayTracingScene()")
 endif()
 string(REPLACE "|" ";" aExpected "${EXPECTED}")
 execute_process(COMMAND ${NM} -D --defined-only --demangle ${LIBRARY}

@@ -7,6 +7,7 @@
 #include "TraceRunner.h"
 
 #include <cmath>
+#include <chrono>
 #include <cstdio>
 #include <optional>
 #include <sys/stat.h>
@@ -190,10 +191,18 @@ int RunTrace(const TraceOptions& cOptions)
     cRequest.bDiagnostics = cOptions.cCommon.bDiagnostics;
     cRequest.nSliceRays = cOptions.nSliceRays;
     cRequest.bProgress = !cOptions.cCommon.bNoProgress && StdoutIsTerminal();
+    std::string sLog;
+    const auto cSceneStart = std::chrono::steady_clock::now();
+    FlavourScene cScene = CreateScene(cFlavour, cMesh, cRequest, sLog);
+    const double fSceneSeconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - cSceneStart).count();
     TraceResults cResults;
-    const TraceStatistics cStatistics = Trace(cFlavour.RayTracing(), cMesh, cRays, cRequest, cResults);
-    if (!cStatistics.sLog.empty())
-        std::fprintf(stderr, "%s", cStatistics.sLog.c_str());
+    const TraceStatistics cStatistics = Trace(cScene, cRays, cRequest, cResults);
+    sLog += cStatistics.sLog;
+    if (!sLog.empty())
+        std::fprintf(stderr, "%s", sLog.c_str());
+    std::printf("scene: prepared in %.3f s; structures %s\n", fSceneSeconds,
+                cScene.KeptStructures() ? "kept between slices" : "rebuilt per slice (too big to keep)");
     std::printf("traced %llu rays against %llu triangles, mode %s: %.3f s, %.3f M rays/s, %llu call%s\n",
                 static_cast<unsigned long long>(cRays.Count()),
                 static_cast<unsigned long long>(cMesh.TriangleCount()), ModeName(eMode), cStatistics.fSeconds,

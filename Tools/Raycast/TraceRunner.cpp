@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <new>
 
 namespace
 {
-// Each call rebuilds the acceleration structures, so slices grow until one takes this long.
-constexpr double c_fSliceSeconds = 2.0;
+// Slices grow until one takes this long: a stateless call rebuilds everything, so its slices grow further.
+constexpr double c_fSceneSliceSeconds = 0.5;
+constexpr double c_fStatelessSliceSeconds = 2.0;
 constexpr std::uint64_t c_nFirstSlice = 1u << 18;
 
 // The library's messages end in a newline; the tool adds its own.
@@ -21,19 +23,24 @@ std::string WithoutTrailingNewlines(std::string sText)
     return sText;
 }
 
-std::string ShowCall(RayTracingErrorType eResult, const std::string& sError)
+std::string ShowCall(const char* sCall, RayTracingErrorType eResult, const std::string& sError)
 {
-    std::string sMessage =
-        "RayTracing returned " + std::to_string(static_cast<int>(eResult)) + " (" + ResultName(eResult) + ")";
+    std::string sMessage = std::string(sCall) + " returned " + std::to_string(static_cast<int>(eResult)) +
+                           " (" + ResultName(eResult) + ")";
     if (!sError.empty())
         sMessage += ": " + sError;
     return WithoutTrailingNewlines(sMessage);
 }
 
+// One library call on a slice: the results record and the slice's rays, returning the call's code.
+using SliceCall = std::function<RayTracingErrorType(
+    RayTracingResults&, std::uint64_t nRays, const float* pOrigin, const float* pDirection,
+    const float* pDistance, std::string& sLog, std::string& sError)>;
+
 // One call for rays [iStart, iStart + nRays); in All mode the offsets it writes start at 0.
-void TraceSlice(RayTracingFunction pRayTracing, const Mesh& cMesh, const Rays& cRays,
-                const TraceRequest& cRequest, std::uint64_t iStart, std::uint64_t nRays,
-                TraceResults& cResults, std::vector<float>& aAllHits, std::string& sLog)
+void TraceSlice(const SliceCall& fnCall, const char* sCall, const Rays& cRays, const TraceRequest& cRequest,
+                std::uint64_t iStart, std::uint64_t nRays, TraceResults& cResults,
+                std::vector<float>& aAllHits, std::string& sLog)
 {
     RayTracingResults cCall;
     cCall.bCollectAllHits = cRequest.eMode == TraceMode::All;
@@ -50,46 +57,30 @@ void TraceSlice(RayTracingFunction pRayTracing, const Mesh& cMesh, const Rays& c
     RayTracingErrorType eResult = Failure;
     try
     {
-        eResult = pRayTracing(cCall, cMesh.TriangleCount(), cMesh.aTriangles.data(), nRays, pOrigin,
-                              cRays.aDirections.data() + 3 * iStart, pDistance, cRequest.iGpuId, sCallLog,
-                              sError, cRequest.bDiagnostics, cRequest.fMaxDistance, 0);
+        eResult =
+            fnCall(cCall, nRays, pOrigin, cRays.aDirections.data() + 3 * iStart, pDistance, sCallLog, sError);
     }
-    // Device set-up failures leave the library as exceptions rather than result codes.
+    // Device set-up failures leave the stateless call as exceptions rather than result codes.
     catch (const std::string& sThrown)
     {
-        throw ToolError(WithoutTrailingNewlines("RayTracing failed: " + sThrown));
+        throw ToolError(WithoutTrailingNewlines(std::string(sCall) + " failed: " + sThrown));
     }
     catch (const std::bad_alloc&)
     {
-        throw ToolError("RayTracing failed: out of memory");
+        throw ToolError(std::string(sCall) + " failed: out of memory");
     }
     catch (const std::exception& cException)
     {
-        throw ToolError(WithoutTrailingNewlines(std::string("RayTracing failed: ") + cException.what()));
+        throw ToolError(WithoutTrailingNewlines(std::string(sCall) + " failed: " + cException.what()));
     }
     sLog += sCallLog;
     if (eResult != Success)
-        throw ToolError(ShowCall(eResult, sError));
+        throw ToolError(ShowCall(sCall, eResult, sError));
     aAllHits = std::move(cCall.cAllHits);
 }
-} // namespace
 
-const char* ResultName(RayTracingErrorType eResult)
-{
-    switch (eResult)
-    {
-    case Success:
-        return "Success";
-    case OutOfMemory:
-        return "OutOfMemory";
-    case Failure:
-        return "Failure";
-    }
-    return "unknown result";
-}
-
-TraceStatistics Trace(RayTracingFunction pRayTracing, const Mesh& cMesh, const Rays& cRays,
-                      const TraceRequest& cRequest, TraceResults& cResults)
+TraceStatistics TraceInSlices(const SliceCall& fnCall, const char* sCall, double fSliceSeconds,
+                              const Rays& cRays, const TraceRequest& cRequest, TraceResults& cResults)
 {
     const std::uint64_t nRays = cRays.Count();
     cResults.Prepare(cRequest.eMode, nRays);
@@ -107,7 +98,7 @@ TraceStatistics Trace(RayTracingFunction pRayTracing, const Mesh& cMesh, const R
         const std::uint64_t nSliceRays = std::min(nSlice, nRays - iStart);
         const auto cSliceStart = std::chrono::steady_clock::now();
         std::vector<float> aSliceHits;
-        TraceSlice(pRayTracing, cMesh, cRays, cRequest, iStart, nSliceRays, cResults, aSliceHits,
+        TraceSlice(fnCall, sCall, cRays, cRequest, iStart, nSliceRays, cResults, aSliceHits,
                    cStatistics.sLog);
         ++cStatistics.nCalls;
         if (cRequest.eMode == TraceMode::All)
@@ -123,12 +114,66 @@ TraceStatistics Trace(RayTracingFunction pRayTracing, const Mesh& cMesh, const R
         }
         iStart += nSliceRays;
         cProgress.Update(iStart);
-        const double fSliceSeconds =
+        const double fTaken =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - cSliceStart).count();
-        if (cRequest.nSliceRays == 0 && fSliceSeconds < c_fSliceSeconds)
+        if (cRequest.nSliceRays == 0 && fTaken < fSliceSeconds)
             nSlice *= 2;
     } while (iStart < nRays);
 
     cStatistics.fSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - cStart).count();
     return cStatistics;
+}
+} // namespace
+
+const char* ResultName(RayTracingErrorType eResult)
+{
+    switch (eResult)
+    {
+    case Success:
+        return "Success";
+    case OutOfMemory:
+        return "OutOfMemory";
+    case Failure:
+        return "Failure";
+    }
+    return "unknown result";
+}
+
+FlavourScene CreateScene(const Flavour& cFlavour, const Mesh& cMesh, const TraceRequest& cRequest,
+                         std::string& sLog)
+{
+    FlavourScene cScene;
+    std::string sError;
+    const RayTracingErrorType eResult =
+        cFlavour.CreateScene(cScene, cMesh.TriangleCount(), cMesh.aTriangles.data(), cRequest.iGpuId, sLog,
+                             sError, cRequest.bDiagnostics, 0);
+    if (eResult != Success)
+        throw ToolError(ShowCall("RayTracingScene::Create", eResult, sError));
+    return cScene;
+}
+
+TraceStatistics Trace(FlavourScene& cScene, const Rays& cRays, const TraceRequest& cRequest,
+                      TraceResults& cResults)
+{
+    const SliceCall fnCall = [&](RayTracingResults& cCall, std::uint64_t nRays, const float* pOrigin,
+                                 const float* pDirection, const float* pDistance, std::string& sLog,
+                                 std::string& sError) {
+        return cScene.Trace(cCall, nRays, pOrigin, pDirection, pDistance, sLog, sError,
+                            cRequest.fMaxDistance);
+    };
+    return TraceInSlices(fnCall, "RayTracingScene::Trace", c_fSceneSliceSeconds, cRays, cRequest, cResults);
+}
+
+TraceStatistics Trace(RayTracingFunction pRayTracing, const Mesh& cMesh, const Rays& cRays,
+                      const TraceRequest& cRequest, TraceResults& cResults)
+{
+    const SliceCall fnCall = [&](RayTracingResults& cCall, std::uint64_t nRays, const float* pOrigin,
+                                 const float* pDirection, const float* pDistance, std::string& sLog,
+                                 std::string& sError)
+    {
+        return pRayTracing(cCall, cMesh.TriangleCount(), cMesh.aTriangles.data(), nRays, pOrigin, pDirection,
+                           pDistance, cRequest.iGpuId, sLog, sError, cRequest.bDiagnostics,
+                           cRequest.fMaxDistance, 0);
+    };
+    return TraceInSlices(fnCall, "RayTracing", c_fStatelessSliceSeconds, cRays, cRequest, cResults);
 }

@@ -1,5 +1,5 @@
-// Runs one request through a flavour's RayTracing, optionally in slices of rays so that progress can be shown
-// (the library answers a request in one synchronous call).
+// Runs one request through a flavour's scene or its stateless RayTracing, optionally in slices of rays so
+// that progress can be shown (the library answers a request in one synchronous call).
 #pragma once
 
 #include "Flavour.h"
@@ -28,7 +28,14 @@ struct TraceStatistics
     std::string sLog; // the library's diagnostics, all calls
 };
 
-// Fills cResults as eMode asks. Throws ToolError with the library's result code and sError when a call fails.
+// The mesh prepared once in the flavour for many requests. Throws ToolError when the flavour refuses it.
+FlavourScene CreateScene(const Flavour& cFlavour, const Mesh& cMesh, const TraceRequest& cRequest,
+                         std::string& sLog);
+
+// Fill cResults as eMode asks, on a scene or by stateless calls (each of which builds everything again).
+// Throw ToolError with the library's result code and sError when a call fails.
+TraceStatistics Trace(FlavourScene& cScene, const Rays& cRays, const TraceRequest& cRequest,
+                      TraceResults& cResults);
 TraceStatistics Trace(RayTracingFunction pRayTracing, const Mesh& cMesh, const Rays& cRays,
                       const TraceRequest& cRequest, TraceResults& cResults);
 

@@ -92,9 +92,13 @@ TraceOutcome RunTrace(TraceMode eMode, const TraceRequest& cRequest)
     const float* pDistance = pRays && cRequest.bDistances ? pRays->aDistances.data() : nullptr;
     cOutcome.sError = "stale error";
     cOutcome.sLog = "stale log";
-    cOutcome.eResult = RayTracing(cResults, cRequest.nTriangles, cRequest.pTriangles, nRays, pOrigin,
-                                  pDirection, pDistance, cRequest.iGpuId, cOutcome.sLog, cOutcome.sError,
-                                  cRequest.bDiagnostics, cRequest.fMaxDistance, cRequest.nFreeGPUMemory);
+    if (cRequest.pScene != nullptr)
+        cOutcome.eResult = cRequest.pScene->Trace(cResults, nRays, pOrigin, pDirection, pDistance,
+                                                  cOutcome.sLog, cOutcome.sError, cRequest.fMaxDistance);
+    else
+        cOutcome.eResult = RayTracing(cResults, cRequest.nTriangles, cRequest.pTriangles, nRays, pOrigin,
+                                      pDirection, pDistance, cRequest.iGpuId, cOutcome.sLog, cOutcome.sError,
+                                      cRequest.bDiagnostics, cRequest.fMaxDistance, cRequest.nFreeGPUMemory);
     cOutcome.aAllHits = std::move(cResults.cAllHits);
     return cOutcome;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "RayTracing.h"
+#include "RayTracingScene.h"
 #include "TestScenes.h"
 
 #include <cstdint>
@@ -53,6 +54,8 @@ struct TraceRequest
     // Also hand over the result pointers the mode ignores (all nearest-hit arrays in counting modes, the
     // farthest index in nearest-only modes); they must stay untouched.
     bool bUnusedPointers = false;
+    // Traced on this scene (its triangles, device and memory) instead of a stateless call.
+    RayTracingScene* pScene = nullptr;
 
     TraceRequest() = default;
     TraceRequest(const TestReference::TriangleSoup& cSoup, const TestReference::RaySet& cRays)
