@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import functools
+import os
 from typing import Optional
 
 import numpy as np
@@ -75,7 +76,7 @@ class Scene:
         note = f"; {self._flavour.note}" if self._flavour.note else ""
         return (
             f"<raytracing.Scene: {len(self):,} triangles on {self.device} ({self.device_name}), "
-            f"{self._flavour.name} flavour {self.flavour_library}{note}>"
+            f"{self._flavour.name} flavour {os.path.basename(self.flavour_library)}{note}>"
         )
 
     def nearest(
