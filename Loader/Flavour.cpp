@@ -132,21 +132,19 @@ bool Flavour::Resolve(const std::string& sPath, std::string& sError)
     m_cLibrary = SharedLibrary::Open(sPath, sError);
     if (!m_cLibrary)
         return false;
-    if (!ResolveSymbol(m_cLibrary, m_pRayTracing, c_sRayTracingSymbol) ||
-        !ResolveSymbol(m_cLibrary, m_pGetOptixVersion, c_sGetOptixVersionSymbol))
-    {
-        sError = sPath + " does not export RayTracing and GetOptixVersion";
-        m_cLibrary = SharedLibrary();
-        return false;
-    }
-    // A flavour built before the scene existed still serves RayTracing; CreateScene says what is missing.
     FlavourScene::Functions& f = m_cSceneFunctions;
-    if (!ResolveSymbol(m_cLibrary, m_pCreateScene, c_sSceneCreateSymbol) ||
+    if (!ResolveSymbol(m_cLibrary, m_pRayTracing, c_sRayTracingSymbol) ||
+        !ResolveSymbol(m_cLibrary, m_pGetOptixVersion, c_sGetOptixVersionSymbol) ||
+        !ResolveSymbol(m_cLibrary, m_pCreateScene, c_sSceneCreateSymbol) ||
         !ResolveSymbol(m_cLibrary, f.pTrace, c_sSceneTraceSymbol) ||
         !ResolveSymbol(m_cLibrary, f.pTriangleCount, c_sSceneTriangleCountSymbol) ||
         !ResolveSymbol(m_cLibrary, f.pKeptStructures, c_sSceneKeptStructuresSymbol) ||
         !ResolveSymbol(m_cLibrary, f.pDestroy, c_sSceneDestructorSymbol))
-        m_pCreateScene = nullptr;
+    {
+        sError = sPath + " does not export RayTracing, GetOptixVersion and RayTracingScene";
+        m_cLibrary = SharedLibrary();
+        return false;
+    }
     m_sLibraryPath = sPath;
     return true;
 }
@@ -213,11 +211,6 @@ RayTracingErrorType Flavour::CreateScene(FlavourScene& cScene, std::uint64_t nTr
                                          std::string& sError, bool bDiagnostics,
                                          std::uint64_t nFreeGPUMemory) const
 {
-    if (m_pCreateScene == nullptr)
-    {
-        sError = m_sLibraryPath + " does not export RayTracingScene";
-        return Failure;
-    }
     // Never destroyed, so that unique_ptr<RayTracingScene>'s destructor, which needs the flavour's
     // ~RayTracingScene at link time, is never instantiated here; the scene is released into cScene.
     union CreatedScene
