@@ -2,7 +2,7 @@
 # Installs the Debian packages the build needs and a fresh machine lacks (the CUDA toolkit must be present).
 set -euo pipefail
 packages=(cmake ninja-build g++ ccache libembree-dev libtbb-dev libassimp-dev libcli11-dev libstb-dev
-          libgtest-dev libgmock-dev libbenchmark-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev python3-dev python3-venv python3-pip)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

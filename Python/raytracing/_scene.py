@@ -73,10 +73,12 @@ class Scene:
         return self._native.triangle_count
 
     def __repr__(self) -> str:
+        count = f"{len(self):,} triangle{'' if len(self) == 1 else 's'}"
+        library = os.path.basename(self.flavour_library)
         note = f"; {self._flavour.note}" if self._flavour.note else ""
         return (
-            f"<raytracing.Scene: {len(self):,} triangles on {self.device} ({self.device_name}), "
-            f"{self._flavour.name} flavour {os.path.basename(self.flavour_library)}{note}>"
+            f"<raytracing.Scene: {count} on {self.device} ({self.device_name}), "
+            f"{self._flavour.name} flavour {library}{note}>"
         )
 
     def nearest(
