@@ -123,3 +123,12 @@ def test_no_triangles_misses_and_no_rays_answer_empty(how):
         assert all(a.shape == (0,) for a in per_ray_arrays(result))
         if isinstance(result, rt.AllHits):
             assert result.offsets.tolist() == [0] and len(result) == 0
+
+
+@pytest.mark.parametrize("mode", ["nearest-index", "all"])
+def test_trimesh_meshes_are_taken_as_they_are(mode):
+    trimesh = pytest.importorskip("trimesh")
+    mesh = trimesh.creation.icosphere(subdivisions=3, radius=1.2)
+    origins, directions, distances = random_rays(300)
+    result = scene_query(rt.Scene(mesh), mode, origins, directions, distances=distances)
+    Reference(mesh.vertices, mesh.faces, origins, directions, distances).check(result, mode)
