@@ -61,6 +61,10 @@ step() {
         # On a GPU machine a skip hides a failure.
         grep -qE '^\[  SKIPPED \] [0-9]' "$out/$name.txt" && rc=1
     fi
+    if [ "$name" = bench ] && ! grep -q '^bench-gpu ' "$out/$name.txt"; then
+        rc=1
+        note="$note; no GPU case ran"
+    fi
     [ "$rc" -eq 0 ] || failed=1
     say "$(printf '%-12s %s (exit %d, %d s%s) -> %s.txt' "$name" "$([ "$rc" -eq 0 ] && echo PASS || echo FAIL)" \
         "$rc" $((SECONDS - start)) "$note" "$name")"
@@ -94,10 +98,10 @@ export work
 step machine 60 bash -c machine
 say "libraries: $(grep -E 'not found' "$out/machine.txt" | sort -u | paste -sd ';' - | grep . || echo 'ldd resolves all')"
 say "OptiX: $(grep -E 'loads from|does not load|is missing|optixQueryFunctionTable\(' "$out/machine.txt" | paste -sd ';' -)"
-step gpu-tests 150 "$work/bin/GpuFlavourTests"
+step gpu-tests 180 "$work/bin/GpuFlavourTests"
 step differential 210 "$work/bin/gpu-differential"
 step tool 45 "$work/bin/raycast" demo --device gpu --resolution 1280x720 --output-dir "$work"
-step bench 150 "$work/bin/raycast-bench" --quick --repeats 2
+step bench 120 "$work/bin/raycast-bench" --quick --repeats 2
 grep -E '^(FAIL|differential:)' "$out/differential.txt" | head -20 | sed 's/^/    /' | tee -a "$summary"
 grep -E '^(bench-gpu|# no GPU run)' "$out/bench.txt" | sed 's/^/    /' | tee -a "$summary"
 say "overall: $([ "$failed" -eq 0 ] && echo PASS || echo FAIL)"

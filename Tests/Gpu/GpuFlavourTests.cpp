@@ -87,23 +87,28 @@ std::string Describe(const TraceOutcome& c)
     return ::testing::AssertionFailure() << "RayTracing failed: " << Describe(c);
 }
 
-// The smallest accepted figure for a request like cRequest (same mode and arrays) with one triangle and ray.
+// The smallest accepted figure for a request like cRequest (same mode and arrays) with one triangle and ray;
+// asked once per mode and arrays, since each answer takes some thirty calls.
 std::uint64_t SmallestAcceptedFor(TraceMode eMode, const TraceRequest& cRequest)
 {
+    static std::map<std::tuple<TraceMode, bool, bool>, std::uint64_t> s_aKnown;
+    const auto cKey = std::make_tuple(eMode, cRequest.bOrigins, cRequest.bDistances);
+    if (s_aKnown.count(cKey) != 0)
+        return s_aKnown[cKey];
     static const TriangleSoup s_cTriangle{{0, 0, 1, 1, 0, 1, 0, 1, 1}};
     static const RaySet s_cRay{{0.2f, 0.2f, 0}, {0, 0, 1}, {10}};
     TraceRequest cTiny = cRequest;
     cTiny.pTriangles = s_cTriangle.Data();
     cTiny.nTriangles = 1;
     cTiny.pRays = &s_cRay;
-    return SmallestAcceptedFreeMemory(
-        [&](std::uint64_t nFreeGPUMemory, std::string& sError)
-        {
-            cTiny.nFreeGPUMemory = nFreeGPUMemory;
-            const TraceOutcome c = Call(eMode, cTiny);
-            sError = Describe(c);
-            return c.eResult;
-        });
+    return s_aKnown[cKey] = SmallestAcceptedFreeMemory(
+               [&](std::uint64_t nFreeGPUMemory, std::string& sError)
+               {
+                   cTiny.nFreeGPUMemory = nFreeGPUMemory;
+                   const TraceOutcome c = Call(eMode, cTiny);
+                   sError = Describe(c);
+                   return c.eResult;
+               });
 }
 
 RaySet Repeat(const RaySet& cPattern, std::uint64_t nRays)
