@@ -1,8 +1,9 @@
 #include "BatchPlanning.h"
 
 #include <algorithm>
-#include <execution>
-#include <numeric>
+#include <atomic>
+#include <system_error>
+#include <thread>
 
 std::uint64_t ComputeRaysPerBatch(std::uint64_t nRays, std::uint64_t nBudget, std::uint64_t nBytesPerRay)
 {
@@ -61,17 +62,36 @@ std::vector<std::uint64_t> ComputeBatchBounds(const std::uint64_t* pCountHits, s
 
 void SortHitsOnHost(std::uint64_t nRays, RayTracingResults& cRayTracingResults)
 {
-    // Whole rays per task, in blocks, so that the index list stays small next to a billion rays.
-    constexpr std::uint64_t c_nRaysPerTask = 4096;
-    std::vector<std::uint64_t> aTasks((nRays + c_nRaysPerTask - 1) / c_nRaysPerTask);
-    std::iota(aTasks.begin(), aTasks.end(), std::uint64_t(0));
+    // Workers take blocks of whole rays in turn. Plain threads rather than a parallel algorithm: the GPU
+    // flavour then needs no TBB at run time.
+    constexpr std::uint64_t c_nRaysPerBlock = 4096;
+    const std::uint64_t nBlocks = (nRays + c_nRaysPerBlock - 1) / c_nRaysPerBlock;
     float* pHits = cRayTracingResults.cAllHits.data();
     const std::uint64_t* pOffsets = cRayTracingResults.pCountHits;
-    std::for_each(std::execution::par, aTasks.begin(), aTasks.end(),
-                  [=](std::uint64_t iTask)
-                  {
-                      const std::uint64_t iEnd = std::min(nRays, (iTask + 1) * c_nRaysPerTask);
-                      for (std::uint64_t i = iTask * c_nRaysPerTask; i < iEnd; ++i)
-                          std::sort(pHits + pOffsets[i], pHits + pOffsets[i + 1]);
-                  });
+    std::atomic<std::uint64_t> iNextBlock{0};
+    const auto SortBlocks = [&]()
+    {
+        for (std::uint64_t iBlock = iNextBlock++; iBlock < nBlocks; iBlock = iNextBlock++)
+        {
+            const std::uint64_t iEnd = std::min(nRays, (iBlock + 1) * c_nRaysPerBlock);
+            for (std::uint64_t i = iBlock * c_nRaysPerBlock; i < iEnd; ++i)
+                std::sort(pHits + pOffsets[i], pHits + pOffsets[i + 1]);
+        }
+    };
+    const std::uint64_t nHelpers =
+        std::min<std::uint64_t>(std::max(1u, std::thread::hardware_concurrency()) - 1, nBlocks);
+    std::vector<std::thread> aHelpers;
+    aHelpers.reserve(nHelpers);
+    try
+    {
+        while (aHelpers.size() < nHelpers)
+            aHelpers.emplace_back(SortBlocks);
+    }
+    catch (const std::system_error&)
+    {
+        // Fewer helpers than asked for: the calling thread sorts whatever they leave.
+    }
+    SortBlocks();
+    for (std::thread& cHelper : aHelpers)
+        cHelper.join();
 }
