@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <limits>
 #include <map>
+#include <memory>
 
 using TestReference::RayReference;
 using TestReference::RaySet;
@@ -265,4 +266,35 @@ TEST_F(GpuTest, CallsInARowAnswerAlike)
 TEST(GpuFlavour, ReportsOptixVersion)
 {
     EXPECT_EQ(GetOptixVersion(), std::make_tuple(9, 0, 0));
+}
+
+// A persistent scene, kept whole and on a budget that makes it build chunks per trace, answers every mode as
+// the stateless call does, traced in a row on one scene.
+TEST_F(GpuTest, SceneAnswersAsTheStatelessCall)
+{
+    for (const bool bTight : {false, true})
+    {
+        TraceRequest cRequest(Scene().cSoup, Scene().cRays);
+        if (bTight)
+            cRequest.nFreeGPUMemory = SeveralChunksFreeMemory(
+                SmallestAcceptedFor(TraceMode::BothIndices, cRequest), Scene().cSoup.Count());
+        std::unique_ptr<RayTracingScene> pScene;
+        std::string sLog, sError;
+        ASSERT_EQ(RayTracingScene::Create(pScene, Scene().cSoup.Count(), Scene().cSoup.Data(), 0, sLog,
+                                          sError, true, cRequest.nFreeGPUMemory),
+                  Success)
+            << sError << sLog;
+        for (TraceMode eMode : c_aAllTraceModes)
+        {
+            SCOPED_TRACE(std::string(TraceModeName(eMode)) + (bTight ? ", tight" : ", kept"));
+            const TraceOutcome cStateless = Call(eMode, cRequest);
+            TraceRequest cOnScene = cRequest;
+            cOnScene.pScene = pScene.get();
+            const TraceOutcome cScene = Call(eMode, cOnScene);
+            ASSERT_TRUE(Succeeded(cStateless));
+            ASSERT_TRUE(Succeeded(cScene));
+            EXPECT_TRUE(SameAnswers(cStateless, cScene));
+            EXPECT_EQ(pScene->KeptStructures(), !bTight);
+        }
+    }
 }
