@@ -19,7 +19,7 @@ if command -v ccache >/dev/null 2>&1; then
     cmake_args="-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_CUDA_COMPILER_LAUNCHER=ccache"
 fi
 CMAKE_ARGS="$cmake_args" CMAKE_BUILD_PARALLEL_LEVEL="$(nproc)" \
-    "$venv/bin/python" -m pip install --quiet --disable-pip-version-check ".[test]"
+    "$venv/bin/python" -m pip install --quiet --disable-pip-version-check ".[test,dask]"
 # From inside the environment, so that `import raytracing` finds the installed package, not the sources.
 tests="$PWD/Python/tests"
 (cd "$venv" && bin/python -m pytest -q --rootdir "$tests" "$tests")

@@ -18,6 +18,10 @@ class RayTracingError(RuntimeError):
         super().__init__(message)
         self.code = code
 
+    def __reduce__(self):
+        # Keeps the code when the exception crosses processes (a Dask worker to its client).
+        return (type(self), (str(self), self.code))
+
 
 class OutOfMemoryError(RayTracingError, MemoryError):
     """The library ran out of device (or host) memory: result code 2."""
