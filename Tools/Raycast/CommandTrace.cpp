@@ -177,7 +177,7 @@ int RunTrace(const TraceOptions& cOptions)
     if (!cOptions.sDistances.empty())
     {
         // NaN and infinite distances mean something to the library, so they pass unchecked.
-        cRays.aDistances = Npy::ReadFloatRows(cOptions.sDistances, 1);
+        cRays.aDistances = Npy::ReadFloatVector(cOptions.sDistances);
         if (cRays.aDistances.size() != cRays.Count())
             throw ToolError(cOptions.sDistances + ": " + std::to_string(cRays.aDistances.size()) +
                             " distances for " + std::to_string(cRays.Count()) + " rays");
@@ -203,10 +203,11 @@ int RunTrace(const TraceOptions& cOptions)
         std::fprintf(stderr, "%s", sLog.c_str());
     std::printf("scene: prepared in %.3f s; structures %s\n", fSceneSeconds,
                 cScene.KeptStructures() ? "kept between slices" : "rebuilt per slice (too big to keep)");
-    std::printf("traced %llu rays against %llu triangles, mode %s: %.3f s, %.3f M rays/s, %llu call%s\n",
+    std::printf("traced %llu rays against %llu triangles%s, mode %s: %.3f s, %.3f M rays/s, %llu call%s\n",
                 static_cast<unsigned long long>(cRays.Count()),
-                static_cast<unsigned long long>(cMesh.TriangleCount()), ModeName(eMode), cStatistics.fSeconds,
-                cRays.Count() / cStatistics.fSeconds * 1e-6,
+                static_cast<unsigned long long>(cMesh.TriangleCount()),
+                cMesh.sPlacement.empty() ? "" : (" (" + cMesh.sPlacement + ")").c_str(), ModeName(eMode),
+                cStatistics.fSeconds, cRays.Count() / cStatistics.fSeconds * 1e-6,
                 static_cast<unsigned long long>(cStatistics.nCalls), cStatistics.nCalls == 1 ? "" : "s");
     WriteResults(cOptions, eMode, cResults, cRays, cPicture, cOptions.fMaxDistance);
     return 0;

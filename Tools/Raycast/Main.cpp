@@ -83,8 +83,9 @@ int main(int argc, char** argv)
     {
         if (cError.get_exit_code() == 0)
             return cApp.exit(cError);
+        // One exit code for every usage or input error, whichever part noticed it.
         std::fprintf(stderr, "raycast: error: %s\n", cError.what());
-        return cError.get_exit_code();
+        return 1;
     }
 
     if (!pDemo->parsed() && !pTrace->parsed())

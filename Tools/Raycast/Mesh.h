@@ -10,6 +10,9 @@
 struct Mesh
 {
     std::vector<float> aTriangles;
+    // How loading placed the vertices, for the summary: e.g. "COLLADA unit scale 0.01 applied"; empty when
+    // the file's coordinates are taken as they are.
+    std::string sPlacement;
 
     std::uint64_t TriangleCount() const { return aTriangles.size() / 9; }
     void AddTriangle(Vec3 a, Vec3 b, Vec3 c)
@@ -44,6 +47,6 @@ struct Bounds
 Bounds ComputeBounds(const Mesh& cMesh);
 
 // Loads every mesh of a file Assimp reads (OBJ, PLY, STL, OFF, glTF, ...), triangulated, node transforms
-// applied, merged into one soup. Throws ToolError for a missing, unreadable or empty file or non-finite
-// coordinates.
+// applied, merged into one soup. Throws ToolError starting with sPath for a missing, unreadable, empty,
+// truncated or malformed file, one without triangles, or non-finite coordinates.
 Mesh LoadMesh(const std::string& sPath);

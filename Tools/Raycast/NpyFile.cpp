@@ -2,6 +2,7 @@
 
 #include "ToolError.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <fstream>
@@ -187,23 +188,36 @@ Array Read(const std::string& sPath)
     return cArray;
 }
 
-std::vector<float> ReadFloatRows(const std::string& sPath, std::uint64_t nColumns)
+namespace
+{
+std::vector<float> ReadFloats(const std::string& sPath, const std::vector<std::uint64_t>& aShape)
 {
     Array cArray = Read(sPath);
     if (cArray.sDescr != "<f4")
         throw ToolError(sPath + ": dtype '" + cArray.sDescr +
                         "' is not float32 ('<f4'); convert with astype(numpy.float32)");
-    const bool bRows = cArray.aShape.size() == 2 && cArray.aShape[1] == nColumns;
-    const bool bVector = nColumns == 1 && cArray.aShape.size() == 1;
-    if (!bRows && !bVector)
-    {
-        const std::string sExpected =
-            nColumns == 1 ? "(n,) or (n, 1)" : "(n, " + std::to_string(nColumns) + ")";
-        throw ToolError(sPath + ": shape " + DescribeShape(cArray.aShape) + " is not " + sExpected);
-    }
+    // 0 in aShape stands for any length.
+    const bool bMatches =
+        cArray.aShape.size() == aShape.size() &&
+        std::equal(aShape.begin(), aShape.end(), cArray.aShape.begin(),
+                   [](std::uint64_t nWanted, std::uint64_t n) { return nWanted == 0 || nWanted == n; });
+    if (!bMatches)
+        throw ToolError(sPath + ": shape " + DescribeShape(cArray.aShape) + " is not " +
+                        (aShape.size() == 1 ? "(n,)" : "(n, " + std::to_string(aShape[1]) + ")"));
     std::vector<float> aValues(cArray.aData.size() / sizeof(float));
     std::memcpy(aValues.data(), cArray.aData.data(), aValues.size() * sizeof(float));
     return aValues;
+}
+} // namespace
+
+std::vector<float> ReadFloatRows(const std::string& sPath, std::uint64_t nColumns)
+{
+    return ReadFloats(sPath, {0, nColumns});
+}
+
+std::vector<float> ReadFloatVector(const std::string& sPath)
+{
+    return ReadFloats(sPath, {0});
 }
 
 void Write(const std::string& sPath, const std::string& sDescr, const std::vector<std::uint64_t>& aShape,

@@ -19,9 +19,10 @@ struct Array
 // Throws ToolError naming the file on anything malformed (bad magic, header, truncated data).
 Array Read(const std::string& sPath);
 
-// Reads a float32 array of shape (n, nColumns), or of shape (n) when nColumns is 1. Returns the n * nColumns
-// values.
+// Reads a float32 array of shape (n, nColumns); returns the n * nColumns values.
 std::vector<float> ReadFloatRows(const std::string& sPath, std::uint64_t nColumns);
+// Reads a float32 array of shape (n).
+std::vector<float> ReadFloatVector(const std::string& sPath);
 
 void Write(const std::string& sPath, const std::string& sDescr, const std::vector<std::uint64_t>& aShape,
            const void* pData, std::uint64_t nBytes);

@@ -1,5 +1,6 @@
 #include "Pictures.h"
 
+#include "PictureLegend.h"
 #include "ToolError.h"
 
 #include <algorithm>
@@ -38,14 +39,37 @@ Picture Blank(Resolution cResolution)
     return {cResolution, std::vector<std::uint8_t>(cResolution.Pixels() * 3, 0)};
 }
 
+Rgb ToRgb(Colour cColour)
+{
+    const auto Byte = [](float f)
+    { return static_cast<std::uint8_t>(std::clamp(f, 0.0f, 1.0f) * 255.0f + 0.5f); };
+    return {Byte(cColour.r), Byte(cColour.g), Byte(cColour.b)};
+}
+
 void Put(Picture& cPicture, std::uint64_t iPixel, Colour cColour)
 {
-    cPicture.aRgb[iPixel * 3 + 0] =
-        static_cast<std::uint8_t>(std::clamp(cColour.r, 0.0f, 1.0f) * 255.0f + 0.5f);
-    cPicture.aRgb[iPixel * 3 + 1] =
-        static_cast<std::uint8_t>(std::clamp(cColour.g, 0.0f, 1.0f) * 255.0f + 0.5f);
-    cPicture.aRgb[iPixel * 3 + 2] =
-        static_cast<std::uint8_t>(std::clamp(cColour.b, 0.0f, 1.0f) * 255.0f + 0.5f);
+    const Rgb cRgb = ToRgb(cColour);
+    std::copy(cRgb.begin(), cRgb.end(), cPicture.aRgb.begin() + static_cast<std::ptrdiff_t>(iPixel * 3));
+}
+
+// Ticks at nTicks evenly spaced positions for values from fLow to fHigh.
+std::vector<LegendTick> EvenTicks(double fLow, double fHigh, int nTicks)
+{
+    std::vector<LegendTick> aTicks;
+    for (int i = 0; i < nTicks; ++i)
+    {
+        const float fPosition = nTicks > 1 ? static_cast<float>(i) / static_cast<float>(nTicks - 1) : 0.0f;
+        aTicks.push_back({fPosition, LegendLabel(fLow + (fHigh - fLow) * fPosition)});
+    }
+    return aTicks;
+}
+
+// The depth colour without light: warm near, cool and fogged far.
+Colour DepthTint(float fDepth, float fLight)
+{
+    const Colour cBase = Mix({0.95f, 0.78f, 0.55f}, {0.45f, 0.58f, 0.80f}, fDepth);
+    return Mix({cBase.r * fLight, cBase.g * fLight, cBase.b * fLight}, {0.55f, 0.62f, 0.75f},
+               0.35f * fDepth * fDepth);
 }
 
 bool IsHit(float fDistance, float fMaxDistance)
@@ -133,12 +157,12 @@ Picture ShadeDepth(const Rays& cRays, Resolution cResolution, const std::vector<
             const float fDiffuse = std::max(0.0f, Dot(cNormal, cLight));
             const float fFacing = std::max(0.0f, -Dot(cNormal, cDirection));
             const float fDepth = fFar > fNear ? (aNearest[i] - fNear) / (fFar - fNear) : 0.0f;
-            const Colour cBase = Mix({0.95f, 0.78f, 0.55f}, {0.45f, 0.58f, 0.80f}, fDepth);
-            const float fLight = 0.15f + 0.6f * fDiffuse + 0.25f * fFacing;
-            Put(cPicture, i,
-                Mix({cBase.r * fLight, cBase.g * fLight, cBase.b * fLight}, {0.55f, 0.62f, 0.75f},
-                    0.35f * fDepth * fDepth));
+            Put(cPicture, i, DepthTint(fDepth, 0.15f + 0.6f * fDiffuse + 0.25f * fFacing));
         }
+    // The hue gives the distance; the bar shows it on a surface facing the light.
+    AppendLegend(
+        cPicture, [](float f) { return ToRgb(DepthTint(f, 0.9f)); },
+        fFar >= fNear ? EvenTicks(fNear, fFar, fFar > fNear ? 5 : 1) : std::vector<LegendTick>{});
     return cPicture;
 }
 
@@ -169,9 +193,24 @@ Picture HeatMap(Resolution cResolution, const std::vector<std::uint64_t>& aCount
     CheckSize(cResolution, aCounts.size());
     Picture cPicture = Blank(cResolution);
     const std::uint64_t nMax = aCounts.empty() ? 0 : *std::max_element(aCounts.begin(), aCounts.end());
+    const auto Scaled = [&](std::uint64_t nCount)
+    { return std::log1p(float(nCount)) / std::log1p(float(nMax)); };
     for (std::uint64_t i = 0; i < aCounts.size(); ++i)
         if (aCounts[i] > 0)
-            Put(cPicture, i, Ramp(0.15f + 0.85f * std::log1p(float(aCounts[i])) / std::log1p(float(nMax))));
+            Put(cPicture, i, Ramp(0.15f + 0.85f * Scaled(aCounts[i])));
+    // The bar runs from one hit to the most, on the same logarithmic scale; ticks at 1, 2, 5, 10, 20, ...
+    const float fOne = nMax > 0 ? Scaled(1) : 0.0f;
+    const auto Position = [&](std::uint64_t nCount)
+    { return nMax > 1 ? (Scaled(nCount) - fOne) / (1.0f - fOne) : 0.0f; };
+    std::vector<LegendTick> aTicks;
+    for (std::uint64_t nDecade = 1; nMax > 0 && nDecade < nMax; nDecade *= 10)
+        for (std::uint64_t nStep : {1, 2, 5})
+            if (nDecade * nStep < nMax)
+                aTicks.push_back({Position(nDecade * nStep), std::to_string(nDecade * nStep)});
+    if (nMax > 0)
+        aTicks.push_back({1.0f, std::to_string(nMax)});
+    AppendLegend(
+        cPicture, [&](float f) { return ToRgb(Ramp(0.15f + 0.85f * (fOne + f * (1.0f - fOne)))); }, aTicks);
     return cPicture;
 }
 
@@ -193,6 +232,12 @@ Picture Thickness(Resolution cResolution, const std::vector<float>& aNearest,
             Put(cPicture, i,
                 Ramp(0.1f + 0.9f * static_cast<float>(fScale > 0.0 ? fThickness / fScale : 0.0)));
         }
+    // Thicker than the top of the scale (the 99th percentile) shows as its colour: '+' says so.
+    std::vector<LegendTick> aTicks = EvenTicks(0.0, fScale, fScale > 0.0 ? 5 : 1);
+    if (!aThickness.empty() && *std::max_element(aThickness.begin(), aThickness.end()) > fScale)
+        aTicks.back().sLabel += "+";
+    AppendLegend(
+        cPicture, [](float f) { return ToRgb(Ramp(0.1f + 0.9f * f)); }, aTicks);
     return cPicture;
 }
 

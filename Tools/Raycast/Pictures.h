@@ -1,4 +1,5 @@
-// PNG pictures of per-pixel results of camera rays (one ray per pixel, row after row from the top).
+// PNG pictures of per-pixel results of camera rays (one ray per pixel, row after row from the top). The
+// depth, hit-count and thickness pictures end in a legend strip below the pixel rows (see PictureLegend.h).
 #pragma once
 
 #include "Rays.h"
