@@ -69,21 +69,6 @@ TEST_F(CudaStandInTest, EnvironmentDescribesTheDeviceAndBadValuesKeepTheDefaults
     EXPECT_EQ(c.nThreads, 3);
     EXPECT_EQ(c.nMaxPrimitivesPerGas, 1000u);
     EXPECT_TRUE(c.bDeferStreams);
-    // What the library reads during device set-up.
-    std::size_t nFree = 0, nTotal = 0;
-    ASSERT_EQ(cudaMemGetInfo(&nFree, &nTotal), cudaSuccess);
-    EXPECT_EQ(nFree, 2000000000u);
-    EXPECT_EQ(nTotal, 8589934592u);
-    cudaDeviceProp prop;
-    ASSERT_EQ(cudaGetDeviceProperties(&prop, 0), cudaSuccess);
-    EXPECT_EQ(prop.major * 10 + prop.minor, 70);
-    EXPECT_EQ(prop.multiProcessorCount, 12);
-    int iPools = -1, iThreads = 0;
-    ASSERT_EQ(cudaDeviceGetAttribute(&iPools, cudaDevAttrMemoryPoolsSupported, 0), cudaSuccess);
-    ASSERT_EQ(cudaDeviceGetAttribute(&iThreads, cudaDevAttrMaxThreadsPerMultiProcessor, 0), cudaSuccess);
-    EXPECT_EQ(iPools, 0);
-    EXPECT_EQ(iThreads, 2048);
-
     // Each bad value is reported on stderr and left at its default.
     setenv("RAYTRACING_CPU_COMPUTE_CAPABILITY", "-86", 1);
     setenv("RAYTRACING_CPU_MEMORY_POOLS", "2", 1);

@@ -161,26 +161,25 @@ OptixTraversableHandle ProgramHarness::BuildChunk(const std::vector<Triangle>& a
     return hChunk;
 }
 
-cudaError_t ProgramHarness::LaunchBlock(const void* pParams, std::size_t nSize, unsigned int nRays,
+cudaError_t ProgramHarness::LaunchBlock(const void* pParams, unsigned int nRays,
                                         const HitGroupData* pHitGroup)
 {
-    const Handles& h = m_cHandles;
-    const DeviceMemory pBlock = Upload(pParams, nSize);
     SbtRecord aRecords[3] = {};
     for (int i = 0; i < 3; ++i)
-        Check(Optix().optixSbtRecordPackHeader(h.aGroups[i], &aRecords[i]), "optixSbtRecordPackHeader");
-    aRecords[0].aData[0] = Address(pBlock);
+        Check(Optix().optixSbtRecordPackHeader(m_cHandles.aGroups[i], &aRecords[i]),
+              "optixSbtRecordPackHeader");
+    aRecords[0].aData[0] = reinterpret_cast<unsigned long long>(pParams);
     if (pHitGroup)
         std::memcpy(aRecords[2].aData, pHitGroup, sizeof(HitGroupData));
-    const DeviceMemory pRecords = Upload(aRecords, sizeof(aRecords));
     OptixShaderBindingTable cSbt{};
-    cSbt.raygenRecord = Address(pRecords);
+    cSbt.raygenRecord = reinterpret_cast<CUdeviceptr>(&aRecords[0]);
     cSbt.missRecordBase = cSbt.raygenRecord + sizeof(SbtRecord);
     cSbt.missRecordStrideInBytes = sizeof(SbtRecord);
     cSbt.missRecordCount = 1;
     cSbt.hitgroupRecordBase = cSbt.missRecordBase + sizeof(SbtRecord);
     cSbt.hitgroupRecordStrideInBytes = sizeof(SbtRecord);
     cSbt.hitgroupRecordCount = 1;
-    Check(Optix().optixLaunch(h.hPipeline, h.hStream, 0, 0, &cSbt, nRays, 1, 1), "optixLaunch");
-    return cudaStreamSynchronize(h.hStream);
+    Check(Optix().optixLaunch(m_cHandles.hPipeline, m_cHandles.hStream, 0, 0, &cSbt, nRays, 1, 1),
+          "optixLaunch");
+    return cudaStreamSynchronize(m_cHandles.hStream);
 }

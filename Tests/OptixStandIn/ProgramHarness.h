@@ -1,7 +1,7 @@
 // Runs the library's device programs through the OptiX driver stand-in the way the library does, with launch
 // blocks built by hand: context, module from the embedded PTX, three program groups, pipeline, acceleration
-// structures per chunk, launches on one stream. The stand-in's device memory is host memory, so launch blocks
-// may point at host arrays.
+// structures per chunk, launches on one stream. The stand-in's device memory is host memory, so records and
+// launch blocks may live in host memory and point at host arrays.
 #pragma once
 
 #include <memory>
@@ -72,12 +72,11 @@ public:
     template <class Params>
     cudaError_t Launch(const Params& cParams, unsigned int nRays, const HitGroupData* pHitGroup = nullptr)
     {
-        return LaunchBlock(&cParams, sizeof(Params), nRays, pHitGroup);
+        return LaunchBlock(&cParams, nRays, pHitGroup);
     }
 
 private:
-    cudaError_t LaunchBlock(const void* pParams, std::size_t nSize, unsigned int nRays,
-                            const HitGroupData* pHitGroup);
+    cudaError_t LaunchBlock(const void* pParams, unsigned int nRays, const HitGroupData* pHitGroup);
 
     struct Handles
     {

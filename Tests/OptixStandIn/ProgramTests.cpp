@@ -1,14 +1,12 @@
 // The library's device programs on the stand-in's traversal, where the library-level tests cannot look: the
 // ends of the interval, edges no ray may slip through, counters beyond 32 bits, and the collecting program's
-// guard against a counter that leaves no room.
+// guard against a counter that leaves no room. (The PTX itself is compiled and run by the GPU tests.)
 #include <gtest/gtest.h>
 
 #include <cfloat>
 #include <cmath>
 #include <random>
-#include <string>
 
-#include "OptixPrograms.h"
 #include "ProgramHarness.h"
 
 namespace
@@ -140,30 +138,4 @@ TEST(DevicePrograms, CollectingRefusesAHitBeyondTheBatchStretch)
     EXPECT_EQ(aAllHits, std::vector<float>(8, -1.0f));
 }
 
-// What the GPU's driver compiles: 64-bit PTX with exactly the module's three entries, no helper among them.
-TEST(DevicePrograms, EmbeddedTextsAreSixtyFourBitPtxOfThreeEntries)
-{
-    const std::pair<const char*, const char*> aModules[] = {
-        {c_sOptixTriangleCountHits2, "__raygen__rgCountHits"},
-        {c_sOptixTriangleAllHits2, "__raygen__rgAllHits"},
-        {c_sOptixTriangleOneHit2, "__raygen__rgFirst"},
-        {c_sOptixTriangleTwoHits4, "__raygen__rgFirstLast"},
-        {c_sOptixTriangleOneHitDistance1, "__raygen__rgFirstDistance"},
-        {c_sOptixTriangleTwoHitsDistance2, "__raygen__rgFirstLastDistance"},
-    };
-    for (const auto& [sText, sRaygen] : aModules)
-    {
-        const std::string s(sText);
-        const bool bClosestHit = std::string(sRaygen).find("Last") == std::string::npos &&
-                                 std::string(sRaygen).find("Hits") == std::string::npos;
-        EXPECT_NE(s.find("\n.address_size 64\n"), std::string::npos) << sRaygen;
-        for (const std::string sEntry : {std::string(sRaygen), std::string("__miss__ms"),
-                                         std::string(bClosestHit ? "__closesthit__ch" : "__anyhit__ah")})
-            EXPECT_NE(s.find(".visible .entry " + sEntry + "()"), std::string::npos) << sEntry;
-        std::size_t nEntries = 0;
-        for (std::size_t i = s.find(".entry "); i != std::string::npos; i = s.find(".entry ", i + 1))
-            ++nEntries;
-        EXPECT_EQ(nEntries, 3u) << sRaygen;
-    }
-}
 } // namespace

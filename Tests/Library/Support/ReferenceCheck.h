@@ -22,7 +22,3 @@ struct ReferenceCheckSummary
 ::testing::AssertionResult MatchesReference(TraceMode eMode, const TraceOutcome& cOutcome,
                                             const std::vector<TestReference::RayReference>& aReferences,
                                             float fMaxDistance, ReferenceCheckSummary* pSummary = nullptr);
-
-// Two answers of the same request are bit-identical (e.g. one batch against several, deferred streams or
-// not).
-::testing::AssertionResult SameAnswers(const TraceOutcome& cExpected, const TraceOutcome& cActual);
