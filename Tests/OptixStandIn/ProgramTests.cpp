@@ -3,9 +3,11 @@
 // guard against a counter that leaves no room. (The PTX itself is compiled and run by the GPU tests.)
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <random>
+#include <vector>
 
 #include "ProgramHarness.h"
 
