@@ -56,13 +56,14 @@ TEST(BatchPlanning, CollectingBatchesAreCutWhereRaysAndHitsNoLongerFit)
 
 TEST(BatchPlanning, HostSortSortsEveryRaysStretchAcrossManyTasks)
 {
-    // Ray i holds i % 3 hits in descending order, with values that would interleave if stretches mixed.
+    // Ray i holds 2 + i % 3 hits in descending order, with values that would interleave if stretches mixed;
+    // every ray, the last of each block of rays included, has something to sort.
     constexpr std::uint64_t nRays = 10001;
     std::vector<std::uint64_t> aOffsets{0};
     RayTracingResults cResults;
     for (std::uint64_t i = 0; i < nRays; ++i)
     {
-        for (std::uint64_t k = i % 3; k > 0; --k)
+        for (std::uint64_t k = 2 + i % 3; k > 0; --k)
             cResults.cAllHits.push_back(static_cast<float>(k));
         aOffsets.push_back(cResults.cAllHits.size());
     }
