@@ -195,30 +195,16 @@ RaySet MakeRaysOutside(std::uint64_t nRays, std::uint32_t uSeed, float fOriginRa
 
 void SetRandomDistances(RaySet& cRays, std::uint32_t uSeed, float fUpTo)
 {
+    const float aSpecial[] = {0.0f, -1.0f, std::numeric_limits<float>::quiet_NaN(),
+                              std::numeric_limits<float>::infinity()};
     std::mt19937 cRandom(uSeed);
     std::uniform_real_distribution<float> cDistance(0.0f, fUpTo);
     std::uniform_int_distribution<int> cKind(0, 19);
     cRays.aDistances.resize(cRays.Count());
     for (float& fDistance : cRays.aDistances)
     {
-        switch (cKind(cRandom))
-        {
-        case 0:
-            fDistance = 0.0f;
-            break;
-        case 1:
-            fDistance = -1.0f;
-            break;
-        case 2:
-            fDistance = std::numeric_limits<float>::quiet_NaN();
-            break;
-        case 3:
-            fDistance = std::numeric_limits<float>::infinity();
-            break;
-        default:
-            fDistance = cDistance(cRandom);
-            break;
-        }
+        const int iKind = cKind(cRandom);
+        fDistance = iKind < 4 ? aSpecial[iKind] : cDistance(cRandom);
     }
 }
 } // namespace TestReference

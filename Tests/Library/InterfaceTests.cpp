@@ -3,286 +3,132 @@
 #include "TraceCall.h"
 
 #include <array>
-#include <cmath>
-#include <functional>
 #include <limits>
 
 namespace
 {
-using Results = RayTracingResults;
-
-// Arrays a request may point at, with canaries that show whether the library wrote them.
-struct ResultArrays
+enum : unsigned
 {
-    static constexpr std::uint64_t n = 3;
-    std::array<std::uint64_t, n + 1> aCountHits;
-    std::array<std::int32_t, n> aFirstIndex, aLastIndex;
-    std::array<float, n> aFirstHit, aLastHit;
+    Count = 1,
+    FirstIndex = 2,
+    FirstHit = 4,
+    LastIndex = 8,
+    LastHit = 16,
+    Collect = 32,
+};
 
-    ResultArrays()
+// The result arrays the flags choose, prefilled with canaries that show whether the library wrote them.
+struct Request
+{
+    std::array<std::uint64_t, 4> aCountHits;
+    std::array<std::int32_t, 3> aFirstIndex, aLastIndex;
+    std::array<float, 3> aFirstHit, aLastHit;
+    RayTracingResults cResults;
+
+    explicit Request(unsigned uArrays)
     {
         aCountHits.fill(c_nCountCanary);
         aFirstIndex.fill(c_iIndexCanary);
         aLastIndex.fill(c_iIndexCanary);
         aFirstHit.fill(c_fHitCanary);
         aLastHit.fill(c_fHitCanary);
+        cResults.pCountHits = uArrays & Count ? aCountHits.data() : nullptr;
+        cResults.pFirstIndex = uArrays & FirstIndex ? aFirstIndex.data() : nullptr;
+        cResults.pFirstHit = uArrays & FirstHit ? aFirstHit.data() : nullptr;
+        cResults.pLastIndex = uArrays & LastIndex ? aLastIndex.data() : nullptr;
+        cResults.pLastHit = uArrays & LastHit ? aLastHit.data() : nullptr;
+        cResults.bCollectAllHits = uArrays & Collect;
     }
     bool Untouched() const
     {
-        ResultArrays cFresh;
-        return aCountHits == cFresh.aCountHits && aFirstIndex == cFresh.aFirstIndex &&
-               aLastIndex == cFresh.aLastIndex && aFirstHit == cFresh.aFirstHit &&
-               aLastHit == cFresh.aLastHit;
+        const Request c(0);
+        return aCountHits == c.aCountHits && aFirstIndex == c.aFirstIndex && aLastIndex == c.aLastIndex &&
+               aFirstHit == c.aFirstHit && aLastHit == c.aLastHit;
     }
-};
-
-constexpr float c_aTriangle[9] = {-1, -1, 2, 1, -1, 2, 0, 1, 2};
-constexpr float c_aDirections[9] = {0, 0, 1, 0, 0, 1, 0, 0, 1};
-
-struct CallArguments
-{
-    std::uint64_t nTriangles = 1;
-    const float* pTriangles = c_aTriangle;
-    std::uint64_t nRays = ResultArrays::n;
-    const float* pDirection = c_aDirections;
-    float fMaxDistance = 100.0f;
 };
 
 class InterfaceTest : public StandInTest
 {
 protected:
-    RayTracingErrorType Call(Results& cResults, const CallArguments& a)
+    // Three rays along +z at a triangle at z = 2, unless told otherwise.
+    RayTracingErrorType Call(Request& r, std::uint64_t nTriangles, std::uint64_t nRays = 3,
+                             bool bDirections = true, float fMaxDistance = 100.0f)
     {
-        m_sLog = "stale log";
-        m_sError = "stale error";
-        cResults.cAllHits.assign(5, c_fCollectedCanary);
-        const RayTracingErrorType eResult =
-            RayTracing(cResults, a.nTriangles, a.pTriangles, a.nRays, nullptr, a.pDirection, nullptr, 0,
-                       m_sLog, m_sError, false, a.fMaxDistance, 0);
-        EXPECT_TRUE(cResults.cAllHits.empty()) << "cAllHits must be emptied by every call";
+        static const float c_aTriangle[9] = {-1, -1, 2, 1, -1, 2, 0, 1, 2};
+        static const float c_aDirections[9] = {0, 0, 1, 0, 0, 1, 0, 0, 1};
+        std::string sLog = "stale log", sError = "stale error";
+        r.cResults.cAllHits.assign(5, -777.25f);
+        const RayTracingErrorType eResult = RayTracing(
+            r.cResults, nTriangles, nTriangles ? c_aTriangle : nullptr, nRays, nullptr,
+            bDirections ? c_aDirections : nullptr, nullptr, 0, sLog, sError, false, fMaxDistance, 0);
+        EXPECT_TRUE(r.cResults.cAllHits.empty()) << "cAllHits must be emptied by every call";
+        EXPECT_EQ(sError, "");
+        EXPECT_EQ(sLog, "");
+        EXPECT_EQ(RayTracingCpu::CallCount("cudaSetDevice"), 0u) << "no platform call";
         return eResult;
     }
-    void ExpectNoPlatformCall() const
-    {
-        EXPECT_EQ(RayTracingCpu::CallCount("cudaSetDevice"), 0u);
-        EXPECT_EQ(RayTracingCpu::CallCount("cudaStreamCreate"), 0u);
-    }
-
-    std::string m_sLog, m_sError;
 };
 } // namespace
 
-TEST_F(InterfaceTest, ZeroRaysTouchNothingWhateverElseIsWrong)
-{
-    const std::function<void(Results&, ResultArrays&)> aRequests[] = {
-        [](Results&, ResultArrays&) {},
-        [](Results& r, ResultArrays&) { r.bCollectAllHits = true; },
-        [](Results& r, ResultArrays& a)
-        {
-            r.pCountHits = a.aCountHits.data();
-            r.bCollectAllHits = true;
-        },
-        [](Results& r, ResultArrays& a)
-        {
-            r.pFirstHit = a.aFirstHit.data();
-            r.pLastHit = a.aLastHit.data();
-            r.pFirstIndex = a.aFirstIndex.data();
-        },
-    };
-    for (const auto& fnRequest : aRequests)
-    {
-        Results cResults;
-        ResultArrays cArrays;
-        fnRequest(cResults, cArrays);
-        CallArguments cArguments;
-        cArguments.nRays = 0;
-        cArguments.pDirection = nullptr;
-        cArguments.pTriangles = nullptr;
-        EXPECT_EQ(Call(cResults, cArguments), Success);
-        EXPECT_EQ(m_sError, "");
-        EXPECT_EQ(m_sLog, "");
-        EXPECT_TRUE(cArrays.Untouched());
-    }
-    ExpectNoPlatformCall();
-}
-
-TEST_F(InterfaceTest, InvalidRequestsFailBeforeAnyPlatformCall)
+// Zero rays succeed whatever else is wrong; an invalid request fails without a message. Neither writes a
+// result.
+TEST_F(InterfaceTest, ZeroRaysAndInvalidRequestsTouchNothing)
 {
     struct Case
     {
         const char* sWhat;
-        std::function<void(Results&, ResultArrays&, CallArguments&)> fnSetUp;
+        unsigned uArrays;
+        std::uint64_t nTriangles, nRays;
+        bool bDirections;
     };
     const Case aCases[] = {
-        {"collecting without counts",
-         [](Results& r, ResultArrays& a, CallArguments&)
-         {
-             r.bCollectAllHits = true;
-             r.pFirstHit = a.aFirstHit.data();
-         }},
-        {"collecting without counts, no triangles",
-         [](Results& r, ResultArrays& a, CallArguments& c)
-         {
-             r.bCollectAllHits = true;
-             r.pFirstHit = a.aFirstHit.data();
-             c.nTriangles = 0;
-         }},
-        {"no result array at all", [](Results&, ResultArrays&, CallArguments&) {}},
-        {"nearest index without nearest distance",
-         [](Results& r, ResultArrays& a, CallArguments&) { r.pFirstIndex = a.aFirstIndex.data(); }},
-        {"farthest without nearest distance",
-         [](Results& r, ResultArrays& a, CallArguments&) { r.pLastHit = a.aLastHit.data(); }},
-        {"nearest without directions",
-         [](Results& r, ResultArrays& a, CallArguments& c)
-         {
-             r.pFirstHit = a.aFirstHit.data();
-             c.pDirection = nullptr;
-         }},
-        {"nearest without directions, no triangles",
-         [](Results& r, ResultArrays& a, CallArguments& c)
-         {
-             r.pFirstHit = a.aFirstHit.data();
-             c.pDirection = nullptr;
-             c.nTriangles = 0;
-         }},
-        {"counting without directions",
-         [](Results& r, ResultArrays& a, CallArguments& c)
-         {
-             r.pCountHits = a.aCountHits.data();
-             c.pDirection = nullptr;
-         }},
-        {"farthest with nearest index but no farthest index",
-         [](Results& r, ResultArrays& a, CallArguments&)
-         {
-             r.pFirstHit = a.aFirstHit.data();
-             r.pLastHit = a.aLastHit.data();
-             r.pFirstIndex = a.aFirstIndex.data();
-         }},
-        {"farthest with farthest index but no nearest index, no triangles",
-         [](Results& r, ResultArrays& a, CallArguments& c)
-         {
-             r.pFirstHit = a.aFirstHit.data();
-             r.pLastHit = a.aLastHit.data();
-             r.pLastIndex = a.aLastIndex.data();
-             c.nTriangles = 0;
-         }},
+        {"no rays, no result array", 0, 0, 0, false},
+        {"no rays, collecting without counts", Collect, 0, 0, false},
+        {"no rays, farthest without its index", FirstHit | LastHit | FirstIndex, 0, 0, false},
+        {"collecting without counts", Collect | FirstHit, 0, 3, true},
+        {"no result array at all", 0, 1, 3, true},
+        {"nearest index without nearest distance", FirstIndex, 1, 3, true},
+        {"farthest without nearest distance", LastHit, 1, 3, true},
+        {"nearest without directions", FirstHit, 0, 3, false},
+        {"counting without directions", Count, 1, 3, false},
+        {"farthest with nearest index but no farthest index", FirstHit | LastHit | FirstIndex, 1, 3, true},
+        {"farthest with farthest index but no nearest index", FirstHit | LastHit | LastIndex, 0, 3, true},
     };
-    for (const Case& cCase : aCases)
+    for (const Case& c : aCases)
     {
-        SCOPED_TRACE(cCase.sWhat);
-        Results cResults;
-        ResultArrays cArrays;
-        CallArguments cArguments;
-        cCase.fnSetUp(cResults, cArrays, cArguments);
-        EXPECT_EQ(Call(cResults, cArguments), Failure);
-        EXPECT_EQ(m_sError, "");
-        EXPECT_EQ(m_sLog, "");
-        EXPECT_TRUE(cArrays.Untouched());
+        Request r(c.uArrays);
+        EXPECT_EQ(Call(r, c.nTriangles, c.nRays, c.bDirections), c.nRays ? Failure : Success) << c.sWhat;
+        EXPECT_TRUE(r.Untouched()) << c.sWhat;
     }
-    ExpectNoPlatformCall();
 }
 
 TEST_F(InterfaceTest, NoTrianglesAnswerTheNoHitValuesOnTheHost)
 {
-    CallArguments cArguments;
-    cArguments.nTriangles = 0;
-    cArguments.pTriangles = nullptr;
-    constexpr std::int32_t aNoIndex[3] = {-1, -1, -1};
     for (const float fMaxDistance : {100.0f, -2.0f, std::numeric_limits<float>::quiet_NaN()})
     {
-        SCOPED_TRACE(fMaxDistance);
-        cArguments.fMaxDistance = fMaxDistance;
+        // Without indices a farthest index is handed over too, which the mode ignores.
+        for (const bool bIndices : {true, false})
         {
-            Results cResults;
-            ResultArrays a;
-            cResults.pFirstHit = a.aFirstHit.data();
-            cResults.pFirstIndex = a.aFirstIndex.data();
-            cResults.pLastHit = a.aLastHit.data();
-            cResults.pLastIndex = a.aLastIndex.data();
-            ASSERT_EQ(Call(cResults, cArguments), Success);
+            Request r(FirstHit | LastIndex | (bIndices ? FirstIndex | LastHit : 0));
+            ASSERT_EQ(Call(r, 0, 3, true, fMaxDistance), Success);
             for (int i = 0; i < 3; ++i)
             {
-                EXPECT_EQ(a.aFirstIndex[i], aNoIndex[i]);
-                EXPECT_EQ(FloatBits(a.aFirstHit[i]), FloatBits(fMaxDistance));
-                EXPECT_EQ(a.aLastIndex[i], -1);
-                EXPECT_EQ(FloatBits(a.aLastHit[i]), c_uNoFarthestHitBits);
+                EXPECT_EQ(FloatBits(r.aFirstHit[i]), FloatBits(fMaxDistance));
+                EXPECT_EQ(r.aFirstIndex[i], bIndices ? -1 : c_iIndexCanary);
+                EXPECT_EQ(FloatBits(r.aLastHit[i]),
+                          bIndices ? c_uNoFarthestHitBits : FloatBits(c_fHitCanary));
+                EXPECT_EQ(r.aLastIndex[i], bIndices ? -1 : c_iIndexCanary);
             }
-        }
-        {
-            // Distances only, with a farthest index the mode ignores.
-            Results cResults;
-            ResultArrays a;
-            cResults.pFirstHit = a.aFirstHit.data();
-            cResults.pLastIndex = a.aLastIndex.data();
-            ASSERT_EQ(Call(cResults, cArguments), Success);
-            for (int i = 0; i < 3; ++i)
-            {
-                EXPECT_EQ(FloatBits(a.aFirstHit[i]), FloatBits(fMaxDistance));
-                EXPECT_EQ(a.aLastIndex[i], c_iIndexCanary);
-            }
-            EXPECT_EQ(a.aFirstIndex[0], c_iIndexCanary);
-            EXPECT_EQ(a.aLastHit[0], c_fHitCanary);
         }
     }
     for (const bool bCollect : {false, true})
     {
-        // Counting answers before it looks at the directions.
-        Results cResults;
-        ResultArrays a;
-        cResults.pCountHits = a.aCountHits.data();
-        cResults.bCollectAllHits = bCollect;
-        cResults.pFirstHit = a.aFirstHit.data();
-        cArguments.pDirection = nullptr;
-        ASSERT_EQ(Call(cResults, cArguments), Success);
-        EXPECT_EQ(a.aCountHits[0], 0u);
-        EXPECT_EQ(a.aCountHits[2], 0u);
-        EXPECT_EQ(a.aCountHits[3], bCollect ? 0u : c_nCountCanary);
-        EXPECT_EQ(a.aFirstHit[0], c_fHitCanary);
+        // Counting answers before it looks at the directions, and ignores the nearest-hit arrays.
+        Request r(Count | FirstHit | (bCollect ? Collect : 0));
+        ASSERT_EQ(Call(r, 0, 3, false), Success);
+        EXPECT_EQ(r.aCountHits, (std::array<std::uint64_t, 4>{0, 0, 0, bCollect ? 0 : c_nCountCanary}));
+        EXPECT_EQ(r.aFirstHit, Request(0).aFirstHit);
     }
-    EXPECT_EQ(m_sError, "");
-    ExpectNoPlatformCall();
-}
-
-TEST_F(InterfaceTest, IgnoredPointersStayUntouchedWhenTracing)
-{
-    // Ray 0 goes through the triangle at z = 2; ray 1 passes beside it; ray 2 points away from it.
-    const float aDirections[9] = {0, 0, 1, 5, 0, 1, 0, 0, -1};
-    CallArguments cArguments;
-    cArguments.pDirection = aDirections;
-    {
-        Results cResults;
-        ResultArrays a;
-        cResults.pFirstHit = a.aFirstHit.data();
-        cResults.pFirstIndex = a.aFirstIndex.data();
-        cResults.pLastIndex = a.aLastIndex.data();
-        ASSERT_EQ(Call(cResults, cArguments), Success) << m_sError;
-        EXPECT_EQ(a.aFirstIndex[0], 0);
-        EXPECT_FLOAT_EQ(a.aFirstHit[0], 2.0f);
-        EXPECT_EQ(a.aFirstIndex[1], -1);
-        EXPECT_EQ(a.aFirstHit[1], 100.0f);
-        EXPECT_EQ(a.aLastIndex, ResultArrays().aLastIndex);
-    }
-    {
-        Results cResults;
-        ResultArrays a;
-        cResults.pCountHits = a.aCountHits.data();
-        cResults.pFirstHit = a.aFirstHit.data();
-        cResults.pFirstIndex = a.aFirstIndex.data();
-        cResults.pLastHit = a.aLastHit.data();
-        cResults.pLastIndex = a.aLastIndex.data();
-        ASSERT_EQ(Call(cResults, cArguments), Success) << m_sError;
-        EXPECT_EQ(a.aCountHits[0], 1u);
-        EXPECT_EQ(a.aCountHits[1], 0u);
-        EXPECT_EQ(a.aCountHits[2], 0u);
-        EXPECT_EQ(a.aCountHits[3], c_nCountCanary);
-        ResultArrays cFresh;
-        EXPECT_EQ(a.aFirstHit, cFresh.aFirstHit);
-        EXPECT_EQ(a.aFirstIndex, cFresh.aFirstIndex);
-        EXPECT_EQ(a.aLastHit, cFresh.aLastHit);
-        EXPECT_EQ(a.aLastIndex, cFresh.aLastIndex);
-    }
-    EXPECT_EQ(m_sLog, "") << "diagnostics are off";
-    ExpectNothingLeaked();
 }
 
 TEST_F(InterfaceTest, ExportedSurface)

@@ -9,44 +9,37 @@ using TestReference::ReferenceHit;
 
 namespace
 {
-// Collects the first few mismatches so that a systematic fault does not flood the log.
-class MismatchLog
+// The first few mismatches, so that a systematic fault does not flood the log.
+class Mismatches
 {
 public:
     template <typename T> void Add(std::uint64_t iRay, const char* sWhat, const T& expected, const T& actual)
     {
-        if (m_nCount++ < c_nShown)
-        {
+        if (m_nCount++ < 8)
             m_cText << "\n  ray " << iRay << ": " << sWhat << " expected " << expected << ", got " << actual;
-        }
     }
-    void Add(const std::string& sText)
+    void Add(const char* sWhat)
     {
-        if (m_nCount++ < c_nShown)
-        {
-            m_cText << "\n  " << sText;
-        }
+        if (m_nCount++ < 8)
+            m_cText << "\n  " << sWhat;
     }
     bool Empty() const { return m_nCount == 0; }
     ::testing::AssertionResult Result() const
     {
         if (Empty())
-        {
             return ::testing::AssertionSuccess();
-        }
         return ::testing::AssertionFailure() << m_nCount << " mismatches" << m_cText.str();
     }
 
 private:
-    static constexpr std::uint64_t c_nShown = 8;
     std::uint64_t m_nCount = 0;
     std::ostringstream m_cText;
 };
 
 bool DistanceMatches(float fActual, const ReferenceHit& cHit)
 {
-    const double fSlack = cHit.fTolerance + 1e-6 * std::abs(cHit.fDistance);
-    return std::abs(static_cast<double>(fActual) - cHit.fDistance) <= fSlack;
+    return std::abs(static_cast<double>(fActual) - cHit.fDistance) <=
+           cHit.fTolerance + 1e-6 * std::abs(cHit.fDistance);
 }
 
 template <typename T> bool AllEqual(const std::vector<T>& a, T value)
@@ -54,108 +47,45 @@ template <typename T> bool AllEqual(const std::vector<T>& a, T value)
     return std::all_of(a.begin(), a.end(), [&](const T& x) { return x == value; });
 }
 
-void CheckNearestAndFarthest(TraceMode eMode, const TraceOutcome& c, std::uint64_t i, const RayReference& r,
-                             float fMaxDistance, MismatchLog& cLog)
+// One end of a ray: the hit's distance and index, or the no-hit values.
+void CheckEnd(const char* sWhich, const ReferenceHit* pHit, float fNoHit, float fActual,
+              const std::int32_t* pIndex, std::uint64_t i, Mismatches& cLog)
 {
-    // The nearest-and-farthest programs replace the nearest value only by a hit that compares smaller, and
-    // nothing compares smaller than a NaN start value: the ray is traced, but its nearest hit stays unset.
-    const bool bNearestStaysUnset = HasFarthest(eMode) && std::isnan(fMaxDistance);
-    const ReferenceHit* pNearest = bNearestStaysUnset ? nullptr : r.Nearest();
-    if (pNearest == nullptr)
-    {
-        if (FloatBits(c.aFirstHit[i]) != FloatBits(fMaxDistance))
-        {
-            cLog.Add(i, "nearest distance (no hit)", fMaxDistance, c.aFirstHit[i]);
-        }
-    }
-    else if (!DistanceMatches(c.aFirstHit[i], *pNearest))
-    {
-        cLog.Add(i, "nearest distance", pNearest->fDistance, static_cast<double>(c.aFirstHit[i]));
-    }
-    if (HasIndices(eMode))
-    {
-        const std::int32_t iExpected = pNearest ? pNearest->iTriangle : -1;
-        if (c.aFirstIndex[i] != iExpected)
-        {
-            cLog.Add(i, "nearest index", iExpected, c.aFirstIndex[i]);
-        }
-    }
-    if (!HasFarthest(eMode))
-    {
-        return;
-    }
-    const ReferenceHit* pFarthest = r.Farthest();
-    if (pFarthest == nullptr)
-    {
-        if (FloatBits(c.aLastHit[i]) != c_uNoFarthestHitBits)
-        {
-            cLog.Add(i, "farthest distance (no hit)", -3.40282347e+38f, c.aLastHit[i]);
-        }
-    }
-    else if (!DistanceMatches(c.aLastHit[i], *pFarthest))
-    {
-        cLog.Add(i, "farthest distance", pFarthest->fDistance, static_cast<double>(c.aLastHit[i]));
-    }
-    if (HasIndices(eMode))
-    {
-        const std::int32_t iExpected = pFarthest ? pFarthest->iTriangle : -1;
-        if (c.aLastIndex[i] != iExpected)
-        {
-            cLog.Add(i, "farthest index", iExpected, c.aLastIndex[i]);
-        }
-    }
+    if (pHit ? !DistanceMatches(fActual, *pHit) : FloatBits(fActual) != FloatBits(fNoHit))
+        cLog.Add(i, sWhich, pHit ? pHit->fDistance : static_cast<double>(fNoHit),
+                 static_cast<double>(fActual));
+    if (pIndex && *pIndex != (pHit ? pHit->iTriangle : -1))
+        cLog.Add(i, (std::string(sWhich) + " index").c_str(), pHit ? pHit->iTriangle : -1, *pIndex);
 }
 
 // Offsets must bound every ray's stretch and each stretch must be sorted, for ambiguous rays too.
-void CheckAllHitsLayout(const TraceOutcome& c, std::uint64_t nRays, MismatchLog& cLog)
+void CheckAllHitsLayout(const TraceOutcome& c, std::uint64_t nRays, Mismatches& cLog)
 {
-    if (c.aCountHits.size() != nRays + 1)
+    if (c.aCountHits.front() != 0 || c.aCountHits.back() != c.aAllHits.size())
     {
-        cLog.Add("all-hits offsets need nRays + 1 entries");
-        return;
-    }
-    if (c.aCountHits[0] != 0)
-    {
-        cLog.Add(0, "first offset", std::uint64_t{0}, c.aCountHits[0]);
-    }
-    if (c.aCountHits[nRays] != c.aAllHits.size())
-    {
-        cLog.Add(nRays, "total hits (= size of cAllHits)", static_cast<std::uint64_t>(c.aAllHits.size()),
-                 c.aCountHits[nRays]);
+        cLog.Add("offsets must run from 0 to the size of cAllHits");
         return;
     }
     for (std::uint64_t i = 0; i < nRays; ++i)
     {
         if (c.aCountHits[i] > c.aCountHits[i + 1])
-        {
-            cLog.Add(i, "offsets must not decrease; next offset", c.aCountHits[i], c.aCountHits[i + 1]);
-            return;
-        }
+            return cLog.Add(i, "offsets must not decrease; next offset", c.aCountHits[i],
+                            c.aCountHits[i + 1]);
         if (!std::is_sorted(c.aAllHits.begin() + c.aCountHits[i], c.aAllHits.begin() + c.aCountHits[i + 1]))
-        {
-            cLog.Add(i, "hit distances sorted ascending", std::string("sorted"), std::string("unsorted"));
-        }
+            cLog.Add(i, "hit distances sorted ascending", 1, 0);
     }
 }
 
-void CheckCollectedHits(const TraceOutcome& c, std::uint64_t i, const RayReference& r, MismatchLog& cLog)
+void CheckCollectedHits(const TraceOutcome& c, std::uint64_t i, const RayReference& r, Mismatches& cLog)
 {
     const std::vector<ReferenceHit> aExpected = r.CountedHits();
     const std::uint64_t nActual = c.aCountHits[i + 1] - c.aCountHits[i];
     if (nActual != aExpected.size())
-    {
-        cLog.Add(i, "number of collected hits", static_cast<std::uint64_t>(aExpected.size()), nActual);
-        return;
-    }
+        return cLog.Add(i, "number of collected hits", static_cast<std::uint64_t>(aExpected.size()), nActual);
     for (std::size_t k = 0; k < aExpected.size(); ++k)
-    {
-        const float fActual = c.aAllHits[c.aCountHits[i] + k];
-        if (!DistanceMatches(fActual, aExpected[k]))
-        {
-            cLog.Add(i, "collected hit distance", aExpected[k].fDistance, static_cast<double>(fActual));
-            return;
-        }
-    }
+        if (!DistanceMatches(c.aAllHits[c.aCountHits[i] + k], aExpected[k]))
+            return cLog.Add(i, "collected hit distance", aExpected[k].fDistance,
+                            static_cast<double>(c.aAllHits[c.aCountHits[i] + k]));
 }
 } // namespace
 
@@ -164,38 +94,25 @@ void CheckCollectedHits(const TraceOutcome& c, std::uint64_t i, const RayReferen
                                             ReferenceCheckSummary* pSummary)
 {
     if (c.eResult != Success || !c.sError.empty())
-    {
         return ::testing::AssertionFailure() << "call failed with code " << c.eResult << ": " << c.sError;
-    }
     if (aReferences.empty())
-    {
         return ::testing::AssertionFailure() << "no reference";
-    }
-    const bool bCounting = IsCountingMode(eMode);
+    const bool bAllHits = eMode == TraceMode::AllHits;
     const std::uint64_t nRays =
-        bCounting ? c.aCountHits.size() - (eMode == TraceMode::AllHits ? 1 : 0) : c.aFirstHit.size();
-    MismatchLog cLog;
+        IsCountingMode(eMode) ? c.aCountHits.size() - (bAllHits ? 1 : 0) : c.aFirstHit.size();
+    Mismatches cLog;
     if (!AllEqual(c.aLastIndex, c_iIndexCanary) && !(HasFarthest(eMode) && HasIndices(eMode)))
-    {
         cLog.Add("the farthest index array must stay untouched in this mode");
-    }
-    if (bCounting && (!AllEqual(c.aFirstHit, c_fHitCanary) || !AllEqual(c.aLastHit, c_fHitCanary) ||
-                      !AllEqual(c.aFirstIndex, c_iIndexCanary)))
-    {
+    if (IsCountingMode(eMode) &&
+        (!AllEqual(c.aFirstHit, c_fHitCanary) || !AllEqual(c.aLastHit, c_fHitCanary) ||
+         !AllEqual(c.aFirstIndex, c_iIndexCanary)))
         cLog.Add("counting modes must not write the nearest-hit arrays");
-    }
-    if (eMode != TraceMode::AllHits && !c.aAllHits.empty())
-    {
+    if (!bAllHits && !c.aAllHits.empty())
         cLog.Add("cAllHits must be left empty outside all-hits mode");
-    }
-    if (eMode == TraceMode::AllHits)
-    {
+    if (bAllHits)
         CheckAllHitsLayout(c, nRays, cLog);
-        if (!cLog.Empty())
-        {
-            return cLog.Result();
-        }
-    }
+    if (!cLog.Empty())
+        return cLog.Result();
 
     ReferenceCheckSummary cSummary;
     cSummary.nRays = nRays;
@@ -208,68 +125,52 @@ void CheckCollectedHits(const TraceOutcome& c, std::uint64_t i, const RayReferen
             continue;
         }
         cSummary.nWithHits += r.aHits.empty() ? 0 : 1;
-        switch (eMode)
-        {
-        case TraceMode::HitCount:
-            if (c.aCountHits[i] != r.CountHits())
-            {
-                cLog.Add(i, "hit count", r.CountHits(), c.aCountHits[i]);
-            }
-            break;
-        case TraceMode::AllHits:
+        if (eMode == TraceMode::HitCount && c.aCountHits[i] != r.CountHits())
+            cLog.Add(i, "hit count", r.CountHits(), c.aCountHits[i]);
+        else if (bAllHits)
             CheckCollectedHits(c, i, r, cLog);
-            break;
-        default:
-            CheckNearestAndFarthest(eMode, c, i, r, fMaxDistance, cLog);
-            break;
+        else if (!IsCountingMode(eMode))
+        {
+            // The nearest-and-farthest programs replace the nearest value only by a hit that compares
+            // smaller, and nothing compares smaller than a NaN start value: the nearest hit stays unset.
+            const bool bNearestStaysUnset = HasFarthest(eMode) && std::isnan(fMaxDistance);
+            const std::int32_t* pIndex = HasIndices(eMode) ? &c.aFirstIndex[i] : nullptr;
+            CheckEnd("nearest", bNearestStaysUnset ? nullptr : r.Nearest(), fMaxDistance, c.aFirstHit[i],
+                     pIndex, i, cLog);
+            if (HasFarthest(eMode))
+                CheckEnd("farthest", r.Farthest(), -3.40282347e+38f, c.aLastHit[i],
+                         HasIndices(eMode) ? &c.aLastIndex[i] : nullptr, i, cLog);
         }
     }
     if (pSummary)
-    {
         *pSummary = cSummary;
-    }
     return cLog.Result();
 }
 
 ::testing::AssertionResult SameAnswers(const TraceOutcome& a, const TraceOutcome& b)
 {
     if (a.eResult != b.eResult || a.sError != b.sError)
-    {
         return ::testing::AssertionFailure() << "results differ: " << a.eResult << " '" << a.sError << "' vs "
                                              << b.eResult << " '" << b.sError << "'";
-    }
-    auto Differs = [](const auto& x, const auto& y)
+    const auto Same = [](const auto& x, const auto& y)
     {
-        if (x.size() != y.size())
-        {
-            return true;
-        }
-        for (std::size_t i = 0; i < x.size(); ++i)
-        {
-            if constexpr (std::is_same_v<std::decay_t<decltype(x[i])>, float>)
-            {
-                if (FloatBits(x[i]) != FloatBits(y[i]))
-                {
-                    return true;
-                }
-            }
-            else if (x[i] != y[i])
-            {
-                return true;
-            }
-        }
-        return false;
+        return x.size() == y.size() && std::equal(x.begin(), x.end(), y.begin(),
+                                                  [](auto u, auto v)
+                                                  {
+                                                      if constexpr (std::is_same_v<decltype(u), float>)
+                                                          return FloatBits(u) == FloatBits(v);
+                                                      else
+                                                          return u == v;
+                                                  });
     };
-    const char* sDiffering = Differs(a.aCountHits, b.aCountHits)     ? "pCountHits"
-                             : Differs(a.aAllHits, b.aAllHits)       ? "cAllHits"
-                             : Differs(a.aFirstIndex, b.aFirstIndex) ? "pFirstIndex"
-                             : Differs(a.aFirstHit, b.aFirstHit)     ? "pFirstHit"
-                             : Differs(a.aLastIndex, b.aLastIndex)   ? "pLastIndex"
-                             : Differs(a.aLastHit, b.aLastHit)       ? "pLastHit"
-                                                                     : nullptr;
+    const char* sDiffering = !Same(a.aCountHits, b.aCountHits)     ? "pCountHits"
+                             : !Same(a.aAllHits, b.aAllHits)       ? "cAllHits"
+                             : !Same(a.aFirstIndex, b.aFirstIndex) ? "pFirstIndex"
+                             : !Same(a.aFirstHit, b.aFirstHit)     ? "pFirstHit"
+                             : !Same(a.aLastIndex, b.aLastIndex)   ? "pLastIndex"
+                             : !Same(a.aLastHit, b.aLastHit)       ? "pLastHit"
+                                                                   : nullptr;
     if (sDiffering)
-    {
         return ::testing::AssertionFailure() << sDiffering << " differs";
-    }
     return ::testing::AssertionSuccess();
 }

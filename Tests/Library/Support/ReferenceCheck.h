@@ -23,6 +23,5 @@ struct ReferenceCheckSummary
                                             const std::vector<TestReference::RayReference>& aReferences,
                                             float fMaxDistance, ReferenceCheckSummary* pSummary = nullptr);
 
-// Two answers of the same request are bit-identical (e.g. one batch against several, deferred streams or
-// not).
+// Two answers of the same request are bit-identical (a scene's trace and the stateless call, say).
 ::testing::AssertionResult SameAnswers(const TraceOutcome& cExpected, const TraceOutcome& cActual);

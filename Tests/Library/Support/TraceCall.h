@@ -31,14 +31,22 @@ inline void PrintTo(TraceMode eMode, std::ostream* pStream)
 {
     *pStream << TraceModeName(eMode);
 }
-bool IsCountingMode(TraceMode eMode);
-bool HasIndices(TraceMode eMode);
-bool HasFarthest(TraceMode eMode);
+inline bool IsCountingMode(TraceMode eMode)
+{
+    return eMode == TraceMode::HitCount || eMode == TraceMode::AllHits;
+}
+inline bool HasIndices(TraceMode eMode)
+{
+    return eMode == TraceMode::NearestIndex || eMode == TraceMode::BothIndices;
+}
+inline bool HasFarthest(TraceMode eMode)
+{
+    return eMode == TraceMode::BothDistances || eMode == TraceMode::BothIndices;
+}
 
 constexpr std::uint64_t c_nCountCanary = 0xC0FFEE00C0FFEE00ull;
 constexpr std::int32_t c_iIndexCanary = 0x5EEDF00D;
 constexpr float c_fHitCanary = 12345.5f;
-constexpr float c_fCollectedCanary = -777.25f;
 
 struct TraceRequest
 {

@@ -8,18 +8,193 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <random>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <embree3/rtcore.h>
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
-#include "StandInHarness.h"
+#include <cuda_runtime.h>
+
+#include "OptixApi.h"
+#include "OptixDeviceHost.h"
+#include "OptixStandInControl.h"
+
+extern "C" OptixQueryFunctionTable_t optixQueryFunctionTable;
 
 namespace
 {
+struct Triangle
+{
+    float3 a, b, c;
+};
+
+struct RayBatch
+{
+    std::vector<float3> aOrigins;
+    std::vector<float3> aDirections;
+};
+
+void Check(OptixResult nResult, const char* sCall)
+{
+    if (nResult != OPTIX_SUCCESS)
+    {
+        std::fprintf(stderr, "%s failed with %d\n", sCall, static_cast<int>(nResult));
+        std::exit(1);
+    }
+}
+
+const OptixFunctionTable& Optix()
+{
+    static const OptixFunctionTable s_cTable = []
+    {
+        OptixFunctionTable cTable{};
+        Check(optixQueryFunctionTable(OPTIX_ABI_VERSION, 0, nullptr, nullptr, &cTable, sizeof(cTable)),
+              "optixQueryFunctionTable");
+        return cTable;
+    }();
+    return s_cTable;
+}
+
+// Module, the three program groups of one ray-generation entry, and their pipeline.
+class BenchPipeline
+{
+public:
+    BenchPipeline(OptixDeviceContext hContext, const char* sModuleText, const char* sRaygen)
+    {
+        const OptixModuleCompileOptions cModuleOptions{};
+        OptixPipelineCompileOptions cOptions{};
+        cOptions.traversableGraphFlags = OPTIX_TRAVERSABLE_GRAPH_FLAG_ALLOW_SINGLE_GAS;
+        cOptions.numPayloadValues = 2;
+        cOptions.numAttributeValues = 2;
+        cOptions.usesPrimitiveTypeFlags = OPTIX_PRIMITIVE_TYPE_FLAGS_TRIANGLE;
+        Check(Optix().optixModuleCreate(hContext, &cModuleOptions, &cOptions, sModuleText,
+                                        std::strlen(sModuleText), nullptr, nullptr, &m_hModule),
+              "optixModuleCreate");
+        OptixProgramGroupDesc aDescs[3] = {};
+        aDescs[0].kind = OPTIX_PROGRAM_GROUP_KIND_RAYGEN;
+        aDescs[0].raygen = {m_hModule, sRaygen};
+        aDescs[1].kind = OPTIX_PROGRAM_GROUP_KIND_MISS;
+        aDescs[1].miss = {m_hModule, "__miss__bench"};
+        aDescs[2].kind = OPTIX_PROGRAM_GROUP_KIND_HITGROUP;
+        aDescs[2].hitgroup.moduleCH = m_hModule;
+        aDescs[2].hitgroup.entryFunctionNameCH = "__closesthit__bench";
+        aDescs[2].hitgroup.moduleAH = m_hModule;
+        aDescs[2].hitgroup.entryFunctionNameAH = "__anyhit__bench";
+        const OptixProgramGroupOptions cGroupOptions{};
+        Check(
+            Optix().optixProgramGroupCreate(hContext, aDescs, 3, &cGroupOptions, nullptr, nullptr, m_aGroups),
+            "optixProgramGroupCreate");
+        const OptixPipelineLinkOptions cLink{2};
+        Check(Optix().optixPipelineCreate(hContext, &cOptions, &cLink, m_aGroups, 3, nullptr, nullptr,
+                                          &m_hPipeline),
+              "optixPipelineCreate");
+    }
+    ~BenchPipeline()
+    {
+        Optix().optixPipelineDestroy(m_hPipeline);
+        for (OptixProgramGroup hGroup : m_aGroups)
+            Optix().optixProgramGroupDestroy(hGroup);
+        Optix().optixModuleDestroy(m_hModule);
+    }
+    BenchPipeline(const BenchPipeline&) = delete;
+    BenchPipeline& operator=(const BenchPipeline&) = delete;
+
+    OptixPipeline Get() const { return m_hPipeline; }
+    OptixProgramGroup Group(int i) const { return m_aGroups[i]; }
+
+private:
+    OptixModule m_hModule = nullptr;
+    OptixProgramGroup m_aGroups[3] = {};
+    OptixPipeline m_hPipeline = nullptr;
+};
+
+// An acceleration structure over the triangles, in stand-in device memory.
+class BenchGas
+{
+public:
+    BenchGas(OptixDeviceContext hContext, const std::vector<Triangle>& aTriangles,
+             unsigned int uGeometryFlags)
+    {
+        cudaMalloc(&m_pVertices, aTriangles.size() * sizeof(Triangle));
+        cudaMemcpy(m_pVertices, aTriangles.data(), aTriangles.size() * sizeof(Triangle),
+                   cudaMemcpyHostToDevice);
+        const CUdeviceptr pVertices = reinterpret_cast<CUdeviceptr>(m_pVertices);
+        OptixBuildInput cInput{};
+        cInput.type = OPTIX_BUILD_INPUT_TYPE_TRIANGLES;
+        cInput.triangleArray.vertexBuffers = &pVertices;
+        cInput.triangleArray.numVertices = static_cast<unsigned int>(3 * aTriangles.size());
+        cInput.triangleArray.vertexFormat = OPTIX_VERTEX_FORMAT_FLOAT3;
+        cInput.triangleArray.flags = &uGeometryFlags;
+        cInput.triangleArray.numSbtRecords = 1;
+        OptixAccelBuildOptions cOptions{};
+        cOptions.operation = OPTIX_BUILD_OPERATION_BUILD;
+        OptixAccelBufferSizes cSizes{};
+        Check(Optix().optixAccelComputeMemoryUsage(hContext, &cOptions, &cInput, 1, &cSizes),
+              "optixAccelComputeMemoryUsage");
+        cudaMalloc(&m_pTemp, cSizes.tempSizeInBytes);
+        cudaMalloc(&m_pOutput, cSizes.outputSizeInBytes);
+        Check(Optix().optixAccelBuild(hContext, nullptr, &cOptions, &cInput, 1,
+                                      reinterpret_cast<CUdeviceptr>(m_pTemp), cSizes.tempSizeInBytes,
+                                      reinterpret_cast<CUdeviceptr>(m_pOutput), cSizes.outputSizeInBytes,
+                                      &m_hTraversable, nullptr, 0),
+              "optixAccelBuild");
+    }
+    ~BenchGas()
+    {
+        cudaFree(m_pVertices);
+        cudaFree(m_pTemp);
+        cudaFree(m_pOutput);
+    }
+    BenchGas(const BenchGas&) = delete;
+    BenchGas& operator=(const BenchGas&) = delete;
+    OptixTraversableHandle Handle() const { return m_hTraversable; }
+
+private:
+    void* m_pVertices = nullptr;
+    void* m_pTemp = nullptr;
+    void* m_pOutput = nullptr;
+    OptixTraversableHandle m_hTraversable = 0;
+};
+
+std::vector<Triangle> RandomTriangles(unsigned int nTriangles, unsigned int uSeed, float fSize)
+{
+    std::mt19937 cRandom(uSeed);
+    std::uniform_real_distribution<float> cPosition(-1.0f, 1.0f);
+    std::uniform_real_distribution<float> cOffset(-fSize, fSize);
+    std::vector<Triangle> aTriangles(nTriangles);
+    for (Triangle& cTriangle : aTriangles)
+    {
+        const float3 c{cPosition(cRandom), cPosition(cRandom), cPosition(cRandom)};
+        auto Corner = [&] {
+            return float3{c.x + cOffset(cRandom), c.y + cOffset(cRandom), c.z + cOffset(cRandom)};
+        };
+        cTriangle = Triangle{Corner(), Corner(), Corner()};
+    }
+    return aTriangles;
+}
+
+// Rays from the plane z = -2 towards +z, spread a little.
+RayBatch RandomRays(unsigned int nRays, unsigned int uSeed)
+{
+    std::mt19937 cRandom(uSeed);
+    std::uniform_real_distribution<float> cPosition(-1.5f, 1.5f);
+    std::normal_distribution<float> cDirection(0.0f, 1.0f);
+    RayBatch cRays;
+    for (unsigned int i = 0; i < nRays; ++i)
+    {
+        cRays.aOrigins.push_back(float3{cPosition(cRandom), cPosition(cRandom), -2.0f});
+        cRays.aDirections.push_back(float3{0.3f * cDirection(cRandom), 0.3f * cDirection(cRandom),
+                                           1.0f + 0.1f * cDirection(cRandom)});
+    }
+    return cRays;
+}
+
 struct BenchLaunch
 {
     OptixTraversableHandle hTraversable;
@@ -200,8 +375,7 @@ private:
     tbb::task_arena m_cArena;
 };
 
-double StandIn(const TestPipeline& cPipeline, OptixProgramGroup hRaygen, BenchLaunch cLaunch,
-               unsigned int nRays)
+double StandIn(const BenchPipeline& cPipeline, BenchLaunch cLaunch, unsigned int nRays)
 {
     struct alignas(16) Record
     {
@@ -209,7 +383,7 @@ double StandIn(const TestPipeline& cPipeline, OptixProgramGroup hRaygen, BenchLa
         const BenchLaunch* pLaunch;
         unsigned long long nUnused;
     } aRecords[3] = {};
-    const OptixProgramGroup aGroups[3] = {hRaygen, cPipeline.Miss(), cPipeline.HitGroup()};
+    const OptixProgramGroup aGroups[3] = {cPipeline.Group(0), cPipeline.Group(1), cPipeline.Group(2)};
     for (int i = 0; i < 3; ++i)
     {
         Optix().optixSbtRecordPackHeader(aGroups[i], aRecords[i].aHeader);
@@ -238,23 +412,23 @@ int main(int argc, char** argv)
         argc > 3 ? std::atoi(argv[3]) : static_cast<int>(std::thread::hardware_concurrency());
     const std::string sMode = argc > 4 ? argv[4] : "both";
     const bool bMesh = argc > 5 && std::string(argv[5]) == "mesh";
-    Control().SetThreads(nThreads);
+    RayTracingCpuOptixControl()->SetThreads(nThreads);
     std::vector<Triangle> aTriangles = RandomTriangles(nTriangles, 1, 0.02f);
     if (bMesh)
         SortAlongMortonCurve(aTriangles);
     const RayBatch cRays = RandomRays(nRays, 2);
 
-    ContextOwner cContext;
-    TestPipeline::Programs cPrograms;
-    cPrograms.sModuleText = c_sBenchModuleText;
-    cPrograms.sRaygen = "__raygen__benchNearest";
-    cPrograms.sMiss = "__miss__bench";
-    cPrograms.sClosestHit = "__closesthit__bench";
-    cPrograms.sAnyHit = "__anyhit__bench";
-    cPrograms.nPayloadValues = 2;
-    TestPipeline cNearest(cContext.Get(), cPrograms);
-    cPrograms.sRaygen = "__raygen__benchCount";
-    TestPipeline cCount(cContext.Get(), cPrograms);
+    const std::unique_ptr<OptixDeviceContext_t, OptixResult (*)(OptixDeviceContext)> pContext(
+        []
+        {
+            OptixDeviceContext hNew = nullptr;
+            Check(Optix().optixDeviceContextCreate(nullptr, nullptr, &hNew), "optixDeviceContextCreate");
+            return hNew;
+        }(),
+        Optix().optixDeviceContextDestroy);
+    const OptixDeviceContext hContext = pContext.get();
+    BenchPipeline cNearest(hContext, c_sBenchModuleText, "__raygen__benchNearest");
+    BenchPipeline cCount(hContext, c_sBenchModuleText, "__raygen__benchCount");
 
     std::vector<unsigned int> aIndices(nRays), aReference;
     std::vector<float> aDistances(nRays);
@@ -266,17 +440,17 @@ int main(int argc, char** argv)
         if (sMode != "both" && (sMode == "count") != bCount)
             continue;
         const auto tBuild = std::chrono::steady_clock::now();
-        TestGas cGas(cContext.Get(), aTriangles,
-                     bCount ? OPTIX_GEOMETRY_FLAG_REQUIRE_SINGLE_ANYHIT_CALL
-                            : OPTIX_GEOMETRY_FLAG_DISABLE_ANYHIT);
+        BenchGas cGas(hContext, aTriangles,
+                      bCount ? OPTIX_GEOMETRY_FLAG_REQUIRE_SINGLE_ANYHIT_CALL
+                             : OPTIX_GEOMETRY_FLAG_DISABLE_ANYHIT);
         const double fBuild = Seconds(tBuild);
         cLaunch.hTraversable = cGas.Handle();
-        const TestPipeline& cPipeline = bCount ? cCount : cNearest;
+        const BenchPipeline& cPipeline = bCount ? cCount : cNearest;
         // Alternating runs, best of three: the machine is shared.
         double fStandIn = 1e30, fEmbree = 1e30;
         for (int iRun = 0; iRun < 3; ++iRun)
         {
-            fStandIn = std::min(fStandIn, StandIn(cPipeline, cPipeline.Raygen(), cLaunch, nRays));
+            fStandIn = std::min(fStandIn, StandIn(cPipeline, cLaunch, nRays));
             fEmbree = std::min(fEmbree, cEmbree.Query(cRays, bCount, aReference));
         }
         unsigned long long nTotal = 0, nDiffer = 0;
