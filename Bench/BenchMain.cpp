@@ -92,8 +92,8 @@ void RunSceneCases(const BenchOptions& cOptions, const Flavour& cFlavour, const 
                    const Rays& cRays)
 {
     Rays cOneRay;
-    cOneRay.Add({cRays.aOrigins[0], cRays.aOrigins[1], cRays.aOrigins[2]},
-                {cRays.aDirections[0], cRays.aDirections[1], cRays.aDirections[2]});
+    cOneRay.aOrigins.assign(cRays.aOrigins.begin(), cRays.aOrigins.begin() + 3);
+    cOneRay.aDirections.assign(cRays.aDirections.begin(), cRays.aDirections.begin() + 3);
     for (TraceMode eMode : AllModes())
     {
         if (!ModeChosen(cOptions, eMode))
@@ -116,15 +116,19 @@ void RunSceneCases(const BenchOptions& cOptions, const Flavour& cFlavour, const 
         TraceResults cEmbree;
         const EmbreeSeconds cEmbreeSeconds = TraceWithEmbree(
             cMesh, cRays, eMode, cRequest.fMaxDistance, cOptions.nThreads, false, cEmbree, cOptions.nRepeats);
+        TraceResults cRobust;
+        const EmbreeSeconds cRobustSeconds = TraceWithEmbree(
+            cMesh, cRays, eMode, cRequest.fMaxDistance, cOptions.nThreads, true, cRobust, cOptions.nRepeats);
         const double fOurs = cRays.Count() / fOursSeconds * 1e-6;
         const double fEmbree = cRays.Count() / cEmbreeSeconds.fTrace * 1e-6;
+        const double fRobust = cRays.Count() / cRobustSeconds.fTrace * 1e-6;
         std::printf("%s %s triangles=%llu rays=%llu build_s=%.3f kept=%s ours=%.3f embree=%.3f ratio=%.3f "
-                    "embree_build_s=%.3f\n",
+                    "embree_build_s=%.3f embree_robust=%.3f ratio_robust=%.3f\n",
                     cFlavour.IsGpu() ? "scene-gpu" : "scene", ModeName(eMode),
                     static_cast<unsigned long long>(cMesh.TriangleCount()),
                     static_cast<unsigned long long>(cRays.Count()), fBuildSeconds,
                     cScene.KeptStructures() ? "yes" : "no", fOurs, fEmbree, fOurs / fEmbree,
-                    cEmbreeSeconds.fBuild);
+                    cEmbreeSeconds.fBuild, fRobust, fOurs / fRobust);
         const std::uint64_t nDiffer = Disagreements(eMode, cOurs, cEmbree);
         if (nDiffer * 1000 > cRays.Count())
             std::printf("# note: %s answers differ from Embree's on %llu of %llu rays\n", ModeName(eMode),

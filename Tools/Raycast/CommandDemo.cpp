@@ -49,8 +49,8 @@ int RunDemo(const DemoOptions& cOptions)
     const auto cPrepareStart = std::chrono::steady_clock::now();
     FlavourScene cLibraryScene = CreateScene(cFlavour, cScene, cRequest, sLog);
     Rays cOneRay;
-    cOneRay.Add({cRays.aOrigins[0], cRays.aOrigins[1], cRays.aOrigins[2]},
-                {cRays.aDirections[0], cRays.aDirections[1], cRays.aDirections[2]});
+    cOneRay.aOrigins.assign(cRays.aOrigins.begin(), cRays.aOrigins.begin() + 3);
+    cOneRay.aDirections.assign(cRays.aDirections.begin(), cRays.aDirections.begin() + 3);
     for (const DemoPass& cPass : c_aPasses)
     {
         TraceRequest cWarmUp = cRequest;
