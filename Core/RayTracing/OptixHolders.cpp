@@ -23,3 +23,17 @@ void ContextLogCallback(unsigned int level, const char* tag, const char* message
     {
     }
 }
+
+ErrorResult CreateDeviceContext(bool bDiagnostics, std::deque<std::string>& aLog,
+                                OptixDeviceContext& context_raw)
+{
+    if (!bDiagnostics)
+        return MakeOptixError(optixDeviceContextCreate(0, nullptr, &context_raw), "optixDeviceContextCreate");
+    OptixDeviceContextOptions options = {};
+    options.logCallbackFunction = &ContextLogCallback;
+    options.logCallbackData = &aLog;
+    options.logCallbackLevel = 1;
+    options.validationMode = OPTIX_DEVICE_CONTEXT_VALIDATION_MODE_OFF;
+    return MakeOptixError(optixDeviceContextCreate(0, &options, &context_raw),
+                          "optixDeviceContextCreateWithDiagnostics");
+}

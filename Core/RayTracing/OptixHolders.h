@@ -36,3 +36,8 @@ OptixHolder<T> MakeOptixHolder(ErrorResult& cRunningResult, OptixResult (*pDestr
 
 // OptiX's log callback: appends "[ L][         TAG]: message\n" to the std::deque<std::string> at cbdata.
 void ContextLogCallback(unsigned int level, const char* tag, const char* message, void* cbdata);
+
+// Creates a device context on the current device; with diagnostics its fatal messages go to aLog. A failure
+// is named after the call made: "optixDeviceContextCreate" or "optixDeviceContextCreateWithDiagnostics".
+ErrorResult CreateDeviceContext(bool bDiagnostics, std::deque<std::string>& aLog,
+                                OptixDeviceContext& context_raw);

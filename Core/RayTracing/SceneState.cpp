@@ -31,19 +31,7 @@ ErrorResult SceneState::Prepare(std::uint64_t nFreeGPUMemory)
         return cResult;
 
     OptixDeviceContext context_raw = nullptr;
-    if (bDiagnostics)
-    {
-        OptixDeviceContextOptions options = {};
-        options.logCallbackFunction = &ContextLogCallback;
-        options.logCallbackData = &aLog;
-        options.logCallbackLevel = 1;
-        options.validationMode = OPTIX_DEVICE_CONTEXT_VALIDATION_MODE_OFF;
-        cResult = MakeOptixError(optixDeviceContextCreate(0, &options, &context_raw),
-                                 "optixDeviceContextCreateWithDiagnostics");
-    }
-    else
-        cResult =
-            MakeOptixError(optixDeviceContextCreate(0, nullptr, &context_raw), "optixDeviceContextCreate");
+    cResult = CreateDeviceContext(bDiagnostics, aLog, context_raw);
     if (cResult.first == Success)
         context.reset(context_raw);
     return cResult;

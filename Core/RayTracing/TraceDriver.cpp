@@ -66,23 +66,11 @@ ErrorResult TraceDriver::RunOnce()
     return cRunningResult;
 }
 
-// The stateless run's own context (with diagnostics its fatal messages go to aLog) and pipeline.
+// The stateless run's own context and pipeline.
 ErrorResult TraceDriver::CreateRunObjects(RunState& run, std::uint64_t nBudget)
 {
     OptixDeviceContext context_raw = nullptr;
-    if (bDiagnostics)
-    {
-        OptixDeviceContextOptions options = {};
-        options.logCallbackFunction = &ContextLogCallback;
-        options.logCallbackData = &aLog;
-        options.logCallbackLevel = 1;
-        options.validationMode = OPTIX_DEVICE_CONTEXT_VALIDATION_MODE_OFF;
-        run.cResult = MakeOptixError(optixDeviceContextCreate(0, &options, &context_raw),
-                                     "optixDeviceContextCreateWithDiagnostics");
-    }
-    else
-        run.cResult =
-            MakeOptixError(optixDeviceContextCreate(0, nullptr, &context_raw), "optixDeviceContextCreate");
+    run.cResult = CreateDeviceContext(bDiagnostics, aLog, context_raw);
     if (run.cResult.first != Success)
         return run.cResult;
     run.context.reset(context_raw);
