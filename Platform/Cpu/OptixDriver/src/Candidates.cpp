@@ -34,6 +34,8 @@ bool Owned(TraceContext& cContext, const GeometryInfo& cGeometry, unsigned int i
 {
     if (cGeometry.Exact())
         return true; // tested exactly when found
+    if (fNormalX == 0.0f && fNormalY == 0.0f && fNormalZ == 0.0f)
+        return false; // a triangle left out, or degenerate: the exact geometry decides those
     const float w = 1.0f - u - v;
     const float fLeast = u < v ? (u < w ? u : w) : (v < w ? v : w);
     const double aNormal[3] = {fNormalX, fNormalY, fNormalZ};

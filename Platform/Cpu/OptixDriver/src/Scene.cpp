@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 
 #include <tbb/blocked_range.h>
 #include <tbb/enumerable_thread_specific.h>
@@ -128,8 +127,7 @@ InputPass PrepareInput(const TriangleSource& cSource, const MarginPlan& cPlan, f
     return cAll;
 }
 
-// One input's triangle geometry with its vertex buffer, which ends in a NaN vertex that leaves a triangle
-// out.
+// One input's triangle geometry with its vertex buffer.
 struct TriangleBuffers
 {
     RTCGeometry hGeometry = nullptr;
@@ -143,18 +141,17 @@ TriangleBuffers NewTriangleGeometry(RTCDevice hDevice, size_t nTriangles)
     if (!cBuffers.hGeometry)
         return cBuffers;
     cBuffers.pVertices = static_cast<float*>(rtcSetNewGeometryBuffer(
-        cBuffers.hGeometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 12, 3 * nTriangles + 1));
+        cBuffers.hGeometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 12, 3 * nTriangles));
     if (!cBuffers.pVertices)
     {
         rtcReleaseGeometry(cBuffers.hGeometry);
         return TriangleBuffers{};
     }
-    std::fill(cBuffers.pVertices + 9 * nTriangles, cBuffers.pVertices + 9 * nTriangles + 3,
-              std::numeric_limits<float>::quiet_NaN());
     return cBuffers;
 }
 
-// Each triangle at its place; those left out get the NaN vertex.
+// Each triangle at its place; one left out becomes a point (its first corner three times), which Embree
+// never hits. Unlike an invalid (NaN) primitive, it keeps Embree's build on its fast path.
 bool WriteIndices(RTCGeometry hGeometry, const InputPass& cPass, size_t nTriangles)
 {
     auto* pIndices = static_cast<unsigned int*>(
@@ -170,7 +167,7 @@ bool WriteIndices(RTCGeometry hGeometry, const InputPass& cPass, size_t nTriangl
                       });
     for (unsigned int iTriangle : cPass.aLeftOut)
         for (unsigned int j = 0; j < 3; ++j)
-            pIndices[3 * iTriangle + j] = static_cast<unsigned int>(3 * nTriangles);
+            pIndices[3 * iTriangle + j] = 3 * iTriangle;
     return true;
 }
 
