@@ -316,8 +316,7 @@ public:
         : m_hDevice(rtcNewDevice(nullptr)), m_hScene(rtcNewScene(m_hDevice)), m_cArena(nThreads, 1)
     {
         rtcSetSceneBuildQuality(m_hScene, RTC_BUILD_QUALITY_MEDIUM);
-        rtcSetSceneFlags(m_hScene, static_cast<RTCSceneFlags>(RTC_SCENE_FLAG_ROBUST |
-                                                              RTC_SCENE_FLAG_CONTEXT_FILTER_FUNCTION));
+        rtcSetSceneFlags(m_hScene, RTC_SCENE_FLAG_CONTEXT_FILTER_FUNCTION);
         RTCGeometry hGeometry = rtcNewGeometry(m_hDevice, RTC_GEOMETRY_TYPE_TRIANGLE);
         auto* pVertices = static_cast<float*>(rtcSetNewGeometryBuffer(
             hGeometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 12, 3 * aTriangles.size()));

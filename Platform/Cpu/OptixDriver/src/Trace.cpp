@@ -1,11 +1,12 @@
-// optixTrace on the host: one Embree query per trace, with the any-hit program in Embree's intersection
-// filter and the closest-hit or miss program afterwards. Nothing here allocates per ray.
+// optixTrace on the host: one Embree query per trace (two when the closest candidate is not the ray's),
+// with the any-hit program in Embree's intersection filter and the closest-hit or miss program afterwards.
+// Nothing here allocates per ray.
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 
-#include "LaunchContext.h"
+#include "TraceContext.h"
 
 namespace OptixHost
 {
@@ -17,16 +18,6 @@ namespace OptixStandIn
 namespace
 {
 using OptixHost::ProgramState;
-
-// Embree hands the filter its intersect context; ours carries what the any-hit program needs.
-struct TraceContext
-{
-    RTCIntersectContext rtc; // first member: Embree's pointer is ours
-    ProgramState* pState;
-    const Scene* pScene;
-    const HitGroupEntry* pHitGroup;
-    bool bEnforceAnyHit;
-};
 
 struct SceneCache
 {
@@ -78,25 +69,6 @@ const Scene* FindScene(OptixHost::LaunchContext& cLaunch, OptixTraversableHandle
     return pScene.get();
 }
 
-void AnyHitFilter(const RTCFilterFunctionNArguments* pArgs)
-{
-    if (pArgs->valid[0] == 0)
-        return;
-    auto* pContext = reinterpret_cast<TraceContext*>(pArgs->context);
-    const unsigned int iGeometry = RTCHitN_geomID(pArgs->hit, pArgs->N, 0);
-    const GeometryInfo& cGeometry = pContext->pScene->Geometry(iGeometry);
-    if (!pContext->bEnforceAnyHit && (cGeometry.uFlags & OPTIX_GEOMETRY_FLAG_DISABLE_ANYHIT))
-        return;
-    ProgramState* pState = pContext->pState;
-    pState->iPrimitive = RTCHitN_primID(pArgs->hit, pArgs->N, 0) + cGeometry.iPrimitiveIndexOffset;
-    // Embree sets tfar to the candidate's distance and restores it when the candidate is rejected.
-    pState->fRayTmax = RTCRayN_tfar(pArgs->ray, pArgs->N, 0);
-    pState->bIgnored = false;
-    pState->pSbtData = pContext->pHitGroup->pData;
-    pContext->pHitGroup->fnAnyHit();
-    if (pState->bIgnored || pState->pLaunch->bFailed.load(std::memory_order_relaxed))
-        pArgs->valid[0] = 0; // rejected: the traversal goes on
-}
 } // namespace
 } // namespace OptixStandIn
 
@@ -180,38 +152,58 @@ void Trace(OptixTraversableHandle hTraversable, float3 origin, float3 direction,
     cInner.pLaunch = &cLaunch;
     t_pProgramState = &cInner;
 
-    RTCRayHit cRayHit;
-    cRayHit.ray.org_x = origin.x;
-    cRayHit.ray.org_y = origin.y;
-    cRayHit.ray.org_z = origin.z;
-    cRayHit.ray.tnear = EmbreeTnear(fTmin);
-    cRayHit.ray.dir_x = direction.x;
-    cRayHit.ray.dir_y = direction.y;
-    cRayHit.ray.dir_z = direction.z;
-    cRayHit.ray.time = 0.0f;
-    cRayHit.ray.tfar = fTmax;
-    cRayHit.ray.mask = 0xFFFFFFFFu;
-    cRayHit.ray.id = 0;
-    cRayHit.ray.flags = 0;
-    cRayHit.hit.geomID = RTC_INVALID_GEOMETRY_ID;
-    cRayHit.hit.primID = RTC_INVALID_GEOMETRY_ID;
-    cRayHit.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+    TraceContext cContext;
+    rtcInitIntersectContext(&cContext.rtc);
+    cContext.pState = &cInner;
+    cContext.pScene = pScene;
+    cContext.pHitGroup = &cHitGroup;
+    cContext.bEnforceAnyHit = (uRayFlags & OPTIX_RAY_FLAG_ENFORCE_ANYHIT) != 0;
+    cContext.bRunAnyHit =
+        cHitGroup.fnAnyHit && (cContext.bEnforceAnyHit ||
+                               (!(uRayFlags & OPTIX_RAY_FLAG_DISABLE_ANYHIT) && pScene->AnyHitPossible()));
+    cContext.origin = origin;
+    cContext.direction = direction;
+    cContext.fDirectionSquared = static_cast<double>(direction.x) * direction.x +
+                                 static_cast<double>(direction.y) * direction.y +
+                                 static_cast<double>(direction.z) * direction.z;
 
+    RTCRayHit cRayHit;
+    cRayHit.hit.geomID = RTC_INVALID_GEOMETRY_ID;
     // An empty or NaN interval, or a ray Embree cannot take, meets nothing.
     if (fTmin <= fTmax && IsTraceable(origin) && IsTraceable(direction))
     {
-        TraceContext cContext;
-        rtcInitIntersectContext(&cContext.rtc);
-        cContext.pState = &cInner;
-        cContext.pScene = pScene;
-        cContext.pHitGroup = &cHitGroup;
-        cContext.bEnforceAnyHit = (uRayFlags & OPTIX_RAY_FLAG_ENFORCE_ANYHIT) != 0;
-        const bool bAnyHit = cHitGroup.fnAnyHit &&
-                             (cContext.bEnforceAnyHit ||
-                              (!(uRayFlags & OPTIX_RAY_FLAG_DISABLE_ANYHIT) && pScene->AnyHitPossible()));
-        if (bAnyHit)
-            cContext.rtc.filter = &AnyHitFilter;
-        rtcIntersect1(pScene->Handle(), &cContext.rtc, &cRayHit);
+        PlaceEmbreeRay(pScene->Plan(), cContext);
+        const float fShift = cContext.fShift;
+        const auto Intersect = [&]()
+        {
+            // In double: the moved origin must stay on the ray to within its own float step.
+            cRayHit.ray.org_x = static_cast<float>(origin.x + static_cast<double>(fShift) * direction.x);
+            cRayHit.ray.org_y = static_cast<float>(origin.y + static_cast<double>(fShift) * direction.y);
+            cRayHit.ray.org_z = static_cast<float>(origin.z + static_cast<double>(fShift) * direction.z);
+            cRayHit.ray.tnear = std::fmax(EmbreeTnear(fTmin) - fShift, 0.0f);
+            cRayHit.ray.dir_x = direction.x;
+            cRayHit.ray.dir_y = direction.y;
+            cRayHit.ray.dir_z = direction.z;
+            cRayHit.ray.time = 0.0f;
+            cRayHit.ray.tfar = fTmax - fShift;
+            cRayHit.ray.mask = 0xFFFFFFFFu;
+            cRayHit.ray.id = 0;
+            cRayHit.ray.flags = 0;
+            cRayHit.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+            cRayHit.hit.primID = RTC_INVALID_GEOMETRY_ID;
+            cRayHit.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+            rtcIntersect1(pScene->Handle(), &cContext.rtc, &cRayHit);
+        };
+        cContext.rtc.filter = cContext.bRunAnyHit ? &AnyHitFilter : nullptr;
+        Intersect();
+        // Without a filter Embree's closest candidate may lie in an enlarged triangle's margin, or be a
+        // neighbour's at a shared edge: then the query runs again, confirming every candidate.
+        if (!cContext.bRunAnyHit && cRayHit.hit.geomID != RTC_INVALID_GEOMETRY_ID &&
+            !OwnsClosestHit(cContext, cRayHit.hit))
+        {
+            cContext.rtc.filter = &OwnedOnlyFilter;
+            Intersect();
+        }
     }
 
     if (!cLaunch.bFailed.load(std::memory_order_relaxed))
@@ -220,9 +212,9 @@ void Trace(OptixTraversableHandle hTraversable, float3 origin, float3 direction,
         {
             if (cHitGroup.fnClosestHit && !(uRayFlags & OPTIX_RAY_FLAG_DISABLE_CLOSESTHIT))
             {
-                cInner.iPrimitive =
-                    cRayHit.hit.primID + pScene->Geometry(cRayHit.hit.geomID).iPrimitiveIndexOffset;
-                cInner.fRayTmax = cRayHit.ray.tfar;
+                const GeometryInfo& cGeometry = pScene->Geometry(cRayHit.hit.geomID);
+                cInner.iPrimitive = cGeometry.Triangle(cRayHit.hit.primID) + cGeometry.iPrimitiveIndexOffset;
+                cInner.fRayTmax = cContext.fShift + cRayHit.ray.tfar;
                 cInner.pSbtData = cHitGroup.pData;
                 cHitGroup.fnClosestHit();
             }
